@@ -1,0 +1,208 @@
+#include "daemon/command_line.h"
+
+#include <getopt.h>
+
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+namespace vostra::data {
+namespace {
+
+enum LongOnly {
+    kConfig = 1,
+    kAddSource,
+    kDataDir,
+    kLogFile,
+    kHeartbeat,
+    kListConnectors,
+    kStoragePath,
+    kStorageBackend,
+    kNoStorage,
+    kNfs,
+    kNfsPort,
+    kAgentStorage,
+    kMaxConnections,
+};
+
+const option kLongOptions[] = {
+    {"controller", required_argument, nullptr, 'c'},
+    {"port", required_argument, nullptr, 'p'},
+    {"bind", required_argument, nullptr, 'b'},
+    {"name", required_argument, nullptr, 'n'},
+    {"daemon", no_argument, nullptr, 'd'},
+    {"label", required_argument, nullptr, 'l'},
+    {"config", required_argument, nullptr, kConfig},
+    {"add-source", required_argument, nullptr, kAddSource},
+    {"data-dir", required_argument, nullptr, kDataDir},
+    {"log-file", required_argument, nullptr, kLogFile},
+    {"heartbeat", required_argument, nullptr, kHeartbeat},
+    {"list-connectors", no_argument, nullptr, kListConnectors},
+    {"storage-path", required_argument, nullptr, kStoragePath},
+    {"storage-backend", required_argument, nullptr, kStorageBackend},
+    {"no-storage", no_argument, nullptr, kNoStorage},
+    {"nfs", no_argument, nullptr, kNfs},
+    {"nfs-port", required_argument, nullptr, kNfsPort},
+    {"agent-storage", no_argument, nullptr, kAgentStorage},
+    {"version", no_argument, nullptr, 'V'},
+    {"help", no_argument, nullptr, 'h'},
+    {"max-connections", required_argument, nullptr, kMaxConnections},
+    {nullptr, 0, nullptr, 0},
+};
+
+// Returns the exit status when the file cannot be used.
+std::optional<int> loadConfigFile(const std::string& path, DataDaemonConfig& config) {
+    std::ifstream file(path);
+    if (!file) {
+        std::cerr << "Cannot open config file: " << path << std::endl;
+        return 1;
+    }
+    try {
+        config = DataDaemonConfig::fromJson(nlohmann::json::parse(file));
+    } catch (const std::exception& error) {
+        std::cerr << "Error reading config file: " << error.what() << std::endl;
+        return 1;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+CommandLine parseCommandLine(int argc, char* argv[]) {
+    CommandLine line;
+    DataDaemonConfig& config = line.config;
+    optind = 0;  // full re-initialisation, so the parser can run more than once
+    opterr = 1;
+
+    int option;
+    while ((option = getopt_long(argc, argv, "c:p:b:n:dl:Vh", kLongOptions, nullptr)) != -1) {
+        switch (option) {
+            case 'c': config.controller_url = optarg; break;
+            case 'p': config.port = std::stoi(optarg); break;
+            case 'b': config.bind_address = optarg; break;
+            case 'n': config.daemon_name = optarg; break;
+            case 'd': line.daemonize = true; break;
+            case 'l': config.labels.emplace_back(optarg); break;
+            case kConfig:
+                if (auto status = loadConfigFile(optarg, config)) {
+                    line.exit_status = status;
+                    return line;
+                }
+                break;
+            case kAddSource: line.add_sources.emplace_back(optarg); break;
+            case kDataDir: config.data_dir = optarg; break;
+            case kLogFile: config.log_file = optarg; break;
+            case kHeartbeat: config.heartbeat_interval_ms = std::stoi(optarg); break;
+            case kListConnectors:
+                printConnectors();
+                line.exit_status = 0;
+                return line;
+            case kStoragePath: config.storage_path = optarg; break;
+            case kStorageBackend: config.storage_backend = optarg; break;
+            case kNoStorage: config.storage_enabled = false; break;
+            case kNfs: config.nfs_enabled = true; break;
+            case kNfsPort: config.nfs_port = std::stoi(optarg); break;
+            case kAgentStorage: config.agent_storage_enabled = true; break;
+            case kMaxConnections: config.max_connections = std::stoi(optarg); break;
+            case 'V':
+                printVersion();
+                line.exit_status = 0;
+                return line;
+            case 'h':
+                printUsage(argv[0]);
+                line.exit_status = 0;
+                return line;
+            default:
+                printUsage(argv[0]);
+                line.exit_status = 1;
+                return line;
+        }
+    }
+    return line;
+}
+
+void printVersion() { std::cout << "vostra-datad " << kProgramVersion << std::endl; }
+
+void printBanner() {
+    std::cout << "╔══════════════════════════════════════════╗\n"
+                 "║      Vostra Data Worker (vostra-datad)   ║\n"
+                 "╚══════════════════════════════════════════╝\n"
+              << "  Version: " << kProgramVersion << "\n"
+              << std::endl;
+}
+
+void printUsage(const char* argv0) {
+    std::cout << "Usage: " << argv0 << " [OPTIONS]\n"
+              << "\n"
+                 "Options:\n"
+                 "  -c, --controller URL    Controller URL for registration\n"
+                 "  -p, --port PORT         Listen port (default: 8892)\n"
+                 "  -b, --bind ADDRESS      Bind address (default: 0.0.0.0)\n"
+                 "  -n, --name NAME         Daemon name\n"
+                 "  -d, --daemon            Run as background daemon\n"
+                 "  -l, --label LABEL       Add node label (can be repeated)\n"
+                 "  --config FILE           Load configuration from JSON file\n"
+                 "  --add-source JSON       Add data source on startup\n"
+                 "  --data-dir DIR          Data directory for persistence\n"
+                 "  --log-file FILE         Log file path\n"
+                 "  --heartbeat MS          Heartbeat interval in milliseconds\n"
+                 "  --list-connectors       List available database connectors\n"
+                 "  --max-connections N     Simultaneous client connections (default: 512)\n"
+                 "\n"
+                 "Storage Options:\n"
+                 "  --storage-path PATH     Storage base path (default: /var/lib/vostra/storage)\n"
+                 "  --storage-backend TYPE  Storage backend: filesystem, s3 (default: filesystem)\n"
+                 "  --no-storage            Disable storage service\n"
+                 "  --nfs                   Enable NFS server\n"
+                 "  --nfs-port PORT         NFS port (default: 2049)\n"
+                 "  --agent-storage         Enable unified agent storage\n"
+                 "  -V, --version           Show version\n"
+                 "  -h, --help              Show this help message\n"
+                 "\n"
+                 "Examples:\n"
+                 "  # Start with controller registration\n"
+              << "  " << argv0 << " -c http://controller:8880\n"
+              << "\n  # Start standalone with custom storage path\n"
+              << "  " << argv0 << " --storage-path /data/vostra\n"
+              << "\n  # Start with NFS enabled\n"
+              << "  " << argv0 << " --nfs --storage-path /data/vostra\n"
+              << "\n  # Add SQLite source on startup\n"
+              << "  " << argv0
+              << " --add-source '{\"id\":\"local\",\"type\":\"sqlite\",\"path\":\"/data/local.db\"}'\n"
+              << "\n  # Add DB2 source with labels\n"
+              << "  " << argv0
+              << " -l db2 -l prod --add-source "
+                 "'{\"id\":\"db2prod\",\"type\":\"db2\",\"host\":\"db2.example.com\","
+                 "\"database\":\"PROD\"}'\n"
+              << std::flush;
+}
+
+void printConnectors() {
+    std::cout << "Available database connectors:\n"
+                 "Not available (requires recompilation):\n"
+                 "  - db2_odbc (requires unixODBC-dev)\n"
+                 "  - db2_cli (requires IBM DB2 client)\n"
+              << std::flush;
+}
+
+void printConfiguration(const DataDaemonConfig& config) {
+    std::cout << "Configuration:\n"
+              << "  Controller: "
+              << (config.controller_url.empty() ? "(standalone)" : config.controller_url) << "\n"
+              << "  Bind:       " << config.bind_address << ":" << config.port << "\n"
+              << "  Daemon ID:  " << (config.daemon_id.empty() ? "(auto)" : config.daemon_id)
+              << "\n"
+              << "  Storage:    " << (config.storage_enabled ? "enabled" : "disabled") << "\n";
+    if (config.storage_enabled) {
+        std::cout << "  Backend:    " << config.storage_backend << "\n"
+                  << "  Path:       " << config.storage_path << "\n";
+    }
+    std::cout << "  NFS:        ";
+    if (config.nfs_enabled)
+        std::cout << "enabled (:" << config.nfs_port << ")\n";
+    else
+        std::cout << "disabled\n";
+    std::cout << std::flush;
+}
+
+}  // namespace vostra::data

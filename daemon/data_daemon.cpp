@@ -1,0 +1,134 @@
+#include "daemon/data_daemon.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "common/log.h"
+#include "daemon/identity.h"
+
+namespace vostra::data {
+namespace {
+
+constexpr vostra::Log kLog("[DataDaemon] ");
+// Loops notice stop() within one slice.
+constexpr int64_t kSliceMs = 500;
+constexpr int64_t kModelScanPeriodMs = 60 * 1000;
+
+void joinIfJoinable(std::thread& thread) {
+    if (thread.joinable()) thread.join();
+}
+
+}  // namespace
+
+DataDaemon& DataDaemon::getInstance() {
+    static DataDaemon* instance = new DataDaemon();
+    return *instance;
+}
+
+bool DataDaemon::initialize(const DataDaemonConfig& config) {
+    config_ = config;
+    daemon_id_ = config_.daemon_id.empty() ? generateDaemonId() : config_.daemon_id;
+    machine_id_ = generateMachineId();
+    kLog.info("Initialized with ID: ", daemon_id_);
+    initialized_ = true;
+    return true;
+}
+
+bool DataDaemon::start() {
+    if (!initialized_) {
+        kLog.error("Not initialized");
+        return false;
+    }
+    if (running_.load()) return true;
+
+    running_.store(true);
+    http_running_.store(true);
+    start_time_ = std::chrono::steady_clock::now();
+
+    heartbeat_thread_ = std::thread(&DataDaemon::heartbeatLoop, this);
+    metrics_thread_ = std::thread(&DataDaemon::metricsLoop, this);
+    command_thread_ = std::thread(&DataDaemon::commandLoop, this);
+    http_thread_ = std::thread(&DataDaemon::httpServerLoop, this);
+    model_scan_thread_ = std::thread(&DataDaemon::modelScanLoop, this);
+
+    kLog.info("Started on ", config_.bind_address, ":", config_.port);
+    return true;
+}
+
+void DataDaemon::stop() {
+    if (!running_.load()) return;
+    kLog.info("Stopping...");
+    running_.exchange(false);
+    http_running_.exchange(false);
+    {
+        // Taking the lock orders the notify after any waiter's predicate check.
+        std::lock_guard lock(wake_mutex_);
+    }
+    wake_.notify_all();
+
+    // close() alone does not wake a thread blocked in accept() on Linux;
+    // shutdown() does. The accept thread closes the socket itself on its way
+    // out, so the descriptor is never closed while that thread may still use it.
+    const int fd = listen_fd_.load();
+    if (fd >= 0) shutdown(fd, SHUT_RDWR);
+
+    joinIfJoinable(heartbeat_thread_);
+    joinIfJoinable(metrics_thread_);
+    joinIfJoinable(command_thread_);
+    joinIfJoinable(http_thread_);
+    joinIfJoinable(model_scan_thread_);
+
+    const int left_open = listen_fd_.exchange(-1);
+    if (left_open >= 0) close(left_open);
+
+    kLog.info("Stopped");
+}
+
+bool DataDaemon::sleepWhileRunning(int64_t ms) {
+    // Waiting on a condition variable in 500 ms slices keeps the polling
+    // contract while letting stop() end the wait at once.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    std::unique_lock lock(wake_mutex_);
+    while (running_.load()) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) break;
+        const auto slice = std::min<std::chrono::steady_clock::duration>(
+            deadline - now, std::chrono::milliseconds(kSliceMs));
+        wake_.wait_for(lock, slice, [this] { return !running_.load(); });
+    }
+    return running_.load();
+}
+
+void DataDaemon::heartbeatLoop() {
+    while (running_.load()) {
+        // A non-positive period would spin a core; one slice is the floor.
+        sleepWhileRunning(config_.heartbeat_interval_ms > 0 ? config_.heartbeat_interval_ms
+                                                            : kSliceMs);
+    }
+}
+
+void DataDaemon::metricsLoop() {
+    // Metrics are computed on demand; the loop only keeps its period.
+    while (running_.load()) sleepWhileRunning(config_.metrics_interval_ms > 0
+                                                  ? config_.metrics_interval_ms
+                                                  : kSliceMs);
+}
+
+void DataDaemon::commandLoop() {
+    // Reserved for commands pushed by the controller.
+    while (running_.load()) sleepWhileRunning(2 * kSliceMs);
+}
+
+void DataDaemon::modelScanLoop() {
+    while (running_.load()) sleepWhileRunning(kModelScanPeriodMs);
+}
+
+uint64_t DataDaemon::uptimeSeconds() const {
+    if (!running_.load()) return 0;
+    auto elapsed = std::chrono::steady_clock::now() - start_time_;
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(elapsed).count());
+}
+
+}  // namespace vostra::data

@@ -1,0 +1,43 @@
+#include "daemon/data_daemon_config.h"
+
+#include <nlohmann/json.hpp>
+
+#include "common/json_fields.h"
+
+namespace vostra::data {
+
+DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
+    DataDaemonConfig c;
+    readField(json, "daemon_id", c.daemon_id);
+    readField(json, "daemon_name", c.daemon_name);
+    readField(json, "controller_url", c.controller_url);
+    readField(json, "api_key", c.api_key);
+    readField(json, "bind_address", c.bind_address);
+    readField(json, "port", c.port);
+    readField(json, "heartbeat_interval_ms", c.heartbeat_interval_ms);
+    readField(json, "metrics_interval_ms", c.metrics_interval_ms);
+    readField(json, "auto_register", c.auto_register);
+    readField(json, "data_dir", c.data_dir);
+    readField(json, "log_file", c.log_file);
+    readField(json, "tls_cert", c.tls_cert);
+    readField(json, "tls_key", c.tls_key);
+    readField(json, "labels", c.labels);
+    readField(json, "storage_enabled", c.storage_enabled);
+    readField(json, "storage_backend", c.storage_backend);
+    readField(json, "storage_path", c.storage_path);
+    readField(json, "nfs_enabled", c.nfs_enabled);
+    readField(json, "nfs_port", c.nfs_port);
+    readField(json, "agent_storage_enabled", c.agent_storage_enabled);
+    readField(json, "agent_storage_source", c.agent_storage_source);
+    readField(json, "vector_enabled", c.vector_enabled);
+    readField(json, "vector_path", c.vector_path);
+    readField(json, "embedding_url", c.embedding_url);
+    readField(json, "embedding_model", c.embedding_model);
+    readField(json, "embedding_dimension", c.embedding_dimension);
+    readField(json, "config_id", c.config_id);
+    readField(json, "config_timestamp", c.config_timestamp);
+    readField(json, "max_connections", c.max_connections);
+    return c;
+}
+
+}  // namespace vostra::data

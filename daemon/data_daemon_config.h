@@ -1,0 +1,51 @@
+// The daemon's whole configuration: built by the entry point from defaults,
+// an optional JSON file and command-line options, then copied into DataDaemon
+// at initialisation. A plain value record; JSON keys equal the field names.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+namespace vostra::data {
+
+struct DataDaemonConfig {
+    std::string daemon_id;        // empty: generated at initialisation
+    std::string daemon_name;
+    std::string controller_url;   // empty: standalone
+    std::string api_key;
+    std::string bind_address = "0.0.0.0";
+    int32_t port = 8892;
+    int32_t heartbeat_interval_ms = 30000;
+    int32_t metrics_interval_ms = 10000;
+    bool auto_register = true;
+    std::string data_dir;
+    std::string log_file;         // stored only
+    std::string tls_cert;         // stored only
+    std::string tls_key;          // stored only
+    std::vector<std::string> labels;
+    bool storage_enabled = true;
+    std::string storage_backend = "filesystem";
+    std::string storage_path = "/var/lib/vostra/storage";
+    bool nfs_enabled = false;
+    int32_t nfs_port = 2049;
+    bool agent_storage_enabled = false;
+    std::string agent_storage_source;
+    bool vector_enabled = false;
+    std::string vector_path = "/var/lib/vostra/vectors";
+    std::string embedding_url = "http://localhost:11434";
+    std::string embedding_model = "nomic-embed-text";
+    int32_t embedding_dimension = 768;
+    std::string config_id;
+    int64_t config_timestamp = 0;
+    // Simultaneous client connections; one more is answered 503 at once so a
+    // flood cannot exhaust threads or memory.
+    int32_t max_connections = 512;
+
+    // Starts from the defaults and assigns only the keys present in `json`.
+    // A present key of the wrong JSON type throws nlohmann::json::type_error.
+    static DataDaemonConfig fromJson(const nlohmann::json& json);
+};
+
+}  // namespace vostra::data
