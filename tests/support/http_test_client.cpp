@@ -80,7 +80,7 @@ HttpResponse parseResponse(const std::string& raw) {
     return response;
 }
 
-HttpResponse exchange(int port, const std::string& bytes, int timeout_ms) {
+HttpResponse sendRaw(int port, const std::string& bytes, int timeout_ms) {
     int fd = connectTo(port);
     if (fd < 0) return {};
     std::string raw;
@@ -94,7 +94,7 @@ HttpResponse request(int port, const std::string& method, const std::string& pat
     std::string text = method + " " + path + " HTTP/1.1\r\nHost: localhost\r\n";
     for (const auto& header : headers) text += header + "\r\n";
     text += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-    return exchange(port, text);
+    return sendRaw(port, text);
 }
 
 }  // namespace vostra::test

@@ -29,7 +29,7 @@ bool sendAll(int fd, const std::string& bytes);
 HttpResponse parseResponse(const std::string& raw);
 
 // Sends `bytes` on a new connection and returns whatever comes back.
-HttpResponse exchange(int port, const std::string& bytes, int timeout_ms = 10000);
+HttpResponse sendRaw(int port, const std::string& bytes, int timeout_ms = 10000);
 
 // A well-formed request with Content-Length and the given extra header lines.
 HttpResponse request(int port, const std::string& method, const std::string& path,

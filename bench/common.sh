@@ -1,0 +1,47 @@
+# Shared helpers for the benchmark scripts (sourced, not run).
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+work=$(mktemp -d /tmp/vostra-bench-XXXXXX)
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
+  wait 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# A random loopback port nobody answers on.
+free_port() {
+  local port
+  while :; do
+    port=$((20000 + RANDOM % 40000))
+    (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || { echo "$port"; return; }
+  done
+}
+
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }'; }
+
+build_release() {
+  cmake -S "$root" -B "$root/build/bench" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVOSTRA_TESTS=OFF >/dev/null
+  cmake --build "$root/build/bench" --target vostra-datad -j "$(nproc)" >/dev/null
+  datad="$root/build/bench/daemon/vostra-datad"
+}
+
+# start_datad <port> <extra args…>: runs the release daemon until the script ends.
+start_datad() {
+  local port=$1; shift
+  "$datad" -p "$port" --storage-path "$work/storage" "$@" >"$work/datad.log" 2>&1 &
+  pids+=($!)
+  for _ in $(seq 100); do curl -sf "http://127.0.0.1:$port/health" >/dev/null && return; sleep 0.05; done
+  echo "daemon did not come up" >&2; cat "$work/datad.log" >&2; exit 1
+}
+
+# wrk_rate <wrk args…>: prints "<requests/s> <socket errors>".
+wrk_rate() {
+  local out
+  out=$(wrk "$@")
+  echo "$out" >>"$work/wrk.log"
+  local rate errors
+  rate=$(echo "$out" | awk '/Requests\/sec/ {print $2}')
+  errors=$(echo "$out" | awk '/Socket errors/ {s=0; for (i=1;i<=NF;i++) if ($i ~ /^[0-9]+,?$/) s+=$i; print s}')
+  echo "$rate ${errors:-0}"
+}

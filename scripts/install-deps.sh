@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the project needs; does nothing when they are
+# all present. Usage: install-deps.sh build|test
+set -euo pipefail
+
+build_packages=(
+  build-essential cmake ninja-build pkg-config ccache git curl
+  nlohmann-json3-dev libcurl4-openssl-dev libsqlite3-dev libssl-dev
+  libpq-dev libmariadb-dev
+)
+test_packages=(
+  googletest libgtest-dev libgmock-dev libbenchmark-dev
+  sqlite3 wrk nginx
+)
+
+case "${1:-build}" in
+  build) wanted=("${build_packages[@]}") ;;
+  test) wanted=("${build_packages[@]}" "${test_packages[@]}") ;;
+  *) echo "usage: $0 build|test" >&2; exit 2 ;;
+esac
+
+missing=()
+for package in "${wanted[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' \
+    || missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || { echo "Run as root to install: ${missing[*]}" >&2; exit 1; }
+  sudo="sudo"
+fi
+export DEBIAN_FRONTEND=noninteractive
+echo "Installing: ${missing[*]}"
+# Try the cached package lists first; refresh them only when that fails.
+$sudo apt-get install -y -q --no-install-recommends "${missing[@]}" \
+  || { $sudo apt-get update -q && $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"; }
