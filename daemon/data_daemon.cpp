@@ -82,6 +82,7 @@ void DataDaemon::stop() {
 
     const int left_open = listen_fd_.exchange(-1);
     if (left_open >= 0) close(left_open);
+    client_threads_.releaseIdle();
 
     kLog.info("Stopped");
 }

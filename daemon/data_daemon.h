@@ -16,6 +16,7 @@
 #include <string>
 #include <thread>
 
+#include "daemon/client_threads.h"
 #include "daemon/data_daemon_config.h"
 
 namespace vostra::data {
@@ -66,6 +67,8 @@ private:
     // true while the daemon is still running.
     bool sleepWhileRunning(int64_t ms);
 
+    // Serves one accepted connection on a client thread and closes it.
+    void serveConnection(int fd);
     // Reads, parses and answers one request; the caller closes `fd`.
     void handleClient(int fd);
     void dispatch(const HttpRequest& request);
@@ -85,7 +88,8 @@ private:
     std::atomic<bool> running_{false};
     std::atomic<bool> http_running_{false};
     std::atomic<int> listen_fd_{-1};
-    std::atomic<int> active_clients_{0};
+    std::atomic<int> active_clients_{0};  // connections being served
+    ClientThreads client_threads_{[this](int fd) { serveConnection(fd); }};
     std::chrono::steady_clock::time_point start_time_;
 
     std::mutex wake_mutex_;

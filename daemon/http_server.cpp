@@ -1,12 +1,12 @@
 // The accept thread and the per-connection threads of the HTTP server.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <exception>
-#include <system_error>
 
 #include "common/log.h"
 #include "daemon/data_daemon.h"
@@ -31,6 +31,11 @@ void DataDaemon::httpServerLoop() {
     }
     int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    // Wake the accept thread only once a request's first bytes are there, so
+    // the client thread finds data at its first recv instead of sleeping on it.
+    // A silent connection is still accepted after about a second.
+    int defer = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &defer, sizeof defer);
 
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -65,21 +70,8 @@ void DataDaemon::httpServerLoop() {
             if (errno == EMFILE || errno == ENFILE) usleep(10 * 1000);
             continue;
         }
-        setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
-
-        if (active_clients_.fetch_add(1) >= config_.max_connections) {
-            active_clients_.fetch_sub(1);
-            sendError(client, 503, "Server busy");
-            close(client);
-            continue;
-        }
-        try {
-            std::thread([this, client] {
-                handleClient(client);
-                close(client);
-                active_clients_.fetch_sub(1);
-            }).detach();
-        } catch (const std::system_error&) {
+        if (active_clients_.fetch_add(1) >= config_.max_connections ||
+            !client_threads_.dispatch(client)) {
             active_clients_.fetch_sub(1);
             sendError(client, 503, "Server busy");
             close(client);
@@ -88,6 +80,13 @@ void DataDaemon::httpServerLoop() {
 
     const int still_open = listen_fd_.exchange(-1);
     if (still_open >= 0) close(still_open);
+}
+
+void DataDaemon::serveConnection(int fd) {
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
+    handleClient(fd);
+    close(fd);
+    active_clients_.fetch_sub(1);
 }
 
 void DataDaemon::handleClient(int fd) {

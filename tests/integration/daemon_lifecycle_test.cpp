@@ -92,8 +92,9 @@ TEST_F(DaemonLifecycleTest, ConnectionsOverTheCapAreTurnedAwayWithServerBusy) {
     DaemonProcess daemon({"--max-connections", "2"});
     ASSERT_TRUE(daemon.ready()) << daemon.stderrText();
 
-    // Two connections that send nothing hold both slots until they close.
+    // Two requests whose headers never end hold both slots until they close.
     int held[2] = {connectTo(daemon.port()), connectTo(daemon.port())};
+    for (int fd : held) sendAll(fd, "GET /health HTTP/1.1\r\nX-Slow: ");
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     HttpResponse busy = request(daemon.port(), "GET", "/health");
     EXPECT_EQ(busy.status, 503);
