@@ -2,6 +2,8 @@
 // any method.
 #include <nlohmann/json.hpp>
 
+#include "connectors/data_connector_factory.h"
+#include "connectors/data_source_registry.h"
 #include "daemon/data_daemon.h"
 #include "daemon/http_message.h"
 #include "daemon/identity.h"
@@ -13,8 +15,8 @@ nlohmann::json DataDaemon::getHealth() const {
         {"status", running_.load() ? "healthy" : "stopped"},
         {"daemon_id", daemon_id_},
         {"uptime_seconds", uptimeSeconds()},
-        {"total_sources", 0},
-        {"healthy_sources", 0},
+        {"total_sources", registry_->size()},
+        {"healthy_sources", registry_->healthyCount()},
     };
 }
 
@@ -28,17 +30,20 @@ nlohmann::json DataDaemon::getInfo() const {
         {"bind_address", config_.bind_address},
         {"hostname", getHostname()},
         {"ip_address", getLocalIP()},
-        {"available_connectors", nlohmann::json::array()},
+        {"available_connectors", DataConnectorFactory::getAvailableTypeNames()},
     };
 }
 
 nlohmann::json DataDaemon::getMetrics() const {
+    const RegistryCounters& counters = registry_->counters();
+    nlohmann::json sources = nlohmann::json::array();
+    for (const auto& status : registry_->listDataSources()) sources.push_back(status.toJson());
     return {
         {"daemon_id", daemon_id_},
-        {"total_queries", total_queries_.load()},
-        {"total_executes", total_executes_.load()},
-        {"total_errors", total_errors_.load()},
-        {"sources", nlohmann::json::array()},
+        {"total_queries", counters.queries.load()},
+        {"total_executes", counters.executes.load()},
+        {"total_errors", counters.errors.load()},
+        {"sources", std::move(sources)},
     };
 }
 
@@ -51,7 +56,8 @@ void DataDaemon::handleInfo(const HttpRequest& request) {
 }
 
 void DataDaemon::handleMetrics(const HttpRequest& request) {
-    sendResponse(request.fd, 200, getMetrics().dump());
+    sendResponse(request.fd, 200,
+                 getMetrics().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 void DataDaemon::handleRootRedirect(const HttpRequest& request) {

@@ -6,6 +6,9 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "connectors/connector_type.h"
+#include "connectors/data_connector_factory.h"
+
 namespace vostra::data {
 namespace {
 
@@ -178,11 +181,27 @@ void printUsage(const char* argv0) {
 }
 
 void printConnectors() {
-    std::cout << "Available database connectors:\n"
-                 "Not available (requires recompilation):\n"
-                 "  - db2_odbc (requires unixODBC-dev)\n"
-                 "  - db2_cli (requires IBM DB2 client)\n"
-              << std::flush;
+    struct Entry {
+        ConnectorType type;
+        const char* note;
+        const char* missing;  // shown when the build lacks it
+    };
+    static constexpr Entry kConnectors[] = {
+        {ConnectorType::SQLite, " (built-in, always available)", nullptr},
+        {ConnectorType::PostgreSQL, " (libpq)", nullptr},
+        {ConnectorType::MySQL, " (libmysqlclient)", nullptr},
+        {ConnectorType::DB2_ODBC, " (unixODBC)", " (requires unixODBC-dev)"},
+        {ConnectorType::DB2_CLI, " (IBM DB2 CLI)", " (requires IBM DB2 client)"},
+    };
+    std::cout << "Available database connectors:\n";
+    for (const Entry& entry : kConnectors)
+        if (DataConnectorFactory::isAvailable(entry.type))
+            std::cout << "  - " << connectorTypeName(entry.type) << entry.note << "\n";
+    std::cout << "Not available (requires recompilation):\n";
+    for (const Entry& entry : kConnectors)
+        if (!DataConnectorFactory::isAvailable(entry.type))
+            std::cout << "  - " << connectorTypeName(entry.type) << entry.missing << "\n";
+    std::cout << std::flush;
 }
 
 void printConfiguration(const DataDaemonConfig& config) {

@@ -3,10 +3,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "common/log.h"
+#include "connectors/agent_storage.h"
+#include "connectors/data_source_registry.h"
 #include "daemon/identity.h"
+#include "storage/storage_service.h"
 
 namespace vostra::data {
 namespace {
@@ -15,6 +19,7 @@ constexpr vostra::Log kLog("[DataDaemon] ");
 // Loops notice stop() within one slice.
 constexpr int64_t kSliceMs = 500;
 constexpr int64_t kModelScanPeriodMs = 60 * 1000;
+constexpr const char* kSourcesFile = "data_sources.json";
 
 void joinIfJoinable(std::thread& thread) {
     if (thread.joinable()) thread.join();
@@ -27,10 +32,43 @@ DataDaemon& DataDaemon::getInstance() {
     return *instance;
 }
 
+DataDaemon::DataDaemon()
+    : registry_(std::make_unique<DataSourceRegistry>()),
+      agent_storage_(std::make_unique<AgentStorage>()) {}
+
+DataDaemon::~DataDaemon() = default;
+
 bool DataDaemon::initialize(const DataDaemonConfig& config) {
     config_ = config;
     daemon_id_ = config_.daemon_id.empty() ? generateDaemonId() : config_.daemon_id;
     machine_id_ = generateMachineId();
+
+    if (config_.storage_enabled) {
+        StorageServiceConfig storage_config;
+        storage_config.backend_type = storageBackendTypeFromName(config_.storage_backend);
+        storage_config.base_path = config_.storage_path;
+        storage_config.nfs_enabled = config_.nfs_enabled;
+        storage_config.nfs_port = config_.nfs_port;
+        auto storage = std::make_unique<StorageService>();
+        if (storage->initialize(storage_config))
+            storage_ = std::move(storage);
+        else
+            kLog.error("Failed to initialize storage service");
+    }
+
+    if (!config_.data_dir.empty()) {
+        std::error_code error;
+        std::filesystem::create_directories(config_.data_dir, error);
+        if (error) {
+            kLog.error("Cannot create data directory ", config_.data_dir, ": ", error.message());
+            return false;
+        }
+        registry_ = std::make_unique<DataSourceRegistry>(
+            (std::filesystem::path(config_.data_dir) / kSourcesFile).string());
+        const std::size_t restored = registry_->load();
+        if (restored > 0) kLog.info("Restored ", restored, " data sources from ", config_.data_dir);
+    }
+    if (config_.agent_storage_enabled) initAgentStorage();
     kLog.info("Initialized with ID: ", daemon_id_);
     initialized_ = true;
     return true;
@@ -83,6 +121,14 @@ void DataDaemon::stop() {
     const int left_open = listen_fd_.exchange(-1);
     if (left_open >= 0) close(left_open);
     client_threads_.releaseIdle();
+
+    {
+        std::unique_lock lock(storage_mutex_);
+        if (storage_) storage_->shutdown();
+        storage_.reset();
+    }
+
+    registry_->clear();
 
     kLog.info("Stopped");
 }

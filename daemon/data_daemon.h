@@ -11,10 +11,15 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <shared_mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "daemon/client_threads.h"
 #include "daemon/data_daemon_config.h"
@@ -22,6 +27,21 @@
 namespace vostra::data {
 
 struct HttpRequest;
+struct DataSourceConfig;
+struct DataSourceStatusInfo;
+struct QueryRequest;
+struct ExecuteRequest;
+struct QueryResult;
+struct SchemaInfo;
+class DataSourceRegistry;
+class AgentStorage;
+class StorageService;
+struct StorageResult;
+struct StorageReadRequest;
+struct StorageWriteRequest;
+struct StorageListRequest;
+struct TenantConfig;
+struct TenantUsage;
 
 class DataDaemon {
 public:
@@ -49,12 +69,46 @@ public:
     bool isRunning() const { return running_.load(); }
     const std::string& getDaemonId() const { return daemon_id_; }
 
+    // Data sources (see DataSourceRegistry for the promises of each).
+    bool addDataSource(const DataSourceConfig& config);
+    bool removeDataSource(const std::string& id);
+    std::vector<DataSourceStatusInfo> listDataSources() const;
+    DataSourceStatusInfo getDataSourceStatus(const std::string& id) const;
+    bool testDataSource(const std::string& id);
+    std::vector<std::string> getTables(const std::string& id);
+    SchemaInfo getSchema(const std::string& id);
+    QueryResult executeQuery(const QueryRequest& request);
+    QueryResult executeStatement(const ExecuteRequest& request);
+
+    // The agent store under $HOME/.config/vostra (see AgentStorage).
+    bool initAgentStorage();
+    std::vector<std::map<std::string, std::string>> agentStorageQuery(
+        const std::string& sql, const std::vector<std::string>& params);
+    bool agentStorageExecute(const std::string& sql, const std::vector<std::string>& params);
+
+    // File storage (see StorageService). Without the service the file
+    // operations fail with "Storage service not available" and the tenant
+    // operations answer false, nothing or an empty usage.
+    StorageResult storageRead(const StorageReadRequest& request);
+    StorageResult storageWrite(const StorageWriteRequest& request);
+    StorageResult storageDelete(const std::string& tenant, const std::string& path, bool recursive);
+    StorageResult storageList(const StorageListRequest& request);
+    StorageResult storageStat(const std::string& tenant, const std::string& path);
+    StorageResult storageMkdir(const std::string& tenant, const std::string& path);
+    bool createTenant(const TenantConfig& tenant);
+    bool updateTenant(const TenantConfig& tenant);
+    bool deleteTenant(const std::string& id, bool force);
+    std::optional<TenantConfig> getTenant(const std::string& id) const;
+    std::vector<TenantConfig> listTenants() const;
+    TenantUsage getTenantUsage(const std::string& id) const;
+
     nlohmann::json getHealth() const;
     nlohmann::json getInfo() const;
     nlohmann::json getMetrics() const;
 
 private:
-    DataDaemon() = default;
+    DataDaemon();
+    ~DataDaemon();
 
     // Background loops; each returns soon after running_ is cleared.
     void heartbeatLoop();
@@ -77,6 +131,14 @@ private:
     void handleInfo(const HttpRequest& request);
     void handleMetrics(const HttpRequest& request);
     void handleRootRedirect(const HttpRequest& request);
+    void handleSources(const HttpRequest& request);
+    void handleSourceById(const HttpRequest& request);
+    void handleQuery(const HttpRequest& request);
+    void handleExecute(const HttpRequest& request);
+    void handleTenants(const HttpRequest& request);
+    void handleTenantById(const HttpRequest& request);
+    void handleStorage(const HttpRequest& request);
+    bool hasStorage() const;
 
     uint64_t uptimeSeconds() const;
 
@@ -101,10 +163,14 @@ private:
     std::thread http_thread_;
     std::thread model_scan_thread_;
 
-    // Daemon-wide statement counters of the data API.
-    std::atomic<uint64_t> total_queries_{0};
-    std::atomic<uint64_t> total_executes_{0};
-    std::atomic<uint64_t> total_errors_{0};
+    // Created empty so that handlers never meet a missing registry; its
+    // state file is fixed at initialize().
+    std::unique_ptr<DataSourceRegistry> registry_;
+    std::unique_ptr<AgentStorage> agent_storage_;
+    // Absent when storage is off or failed to start. Requests may still be
+    // running when stop() destroys it: they use it under a shared lock.
+    std::unique_ptr<StorageService> storage_;
+    mutable std::shared_mutex storage_mutex_;
 };
 
 }  // namespace vostra::data

@@ -10,6 +10,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "connectors/data_source_config.h"
 #include "daemon/command_line.h"
 #include "daemon/data_daemon.h"
 
@@ -64,12 +65,13 @@ void idleUntilSignalled() {
 }
 
 void addStartupSources(DataDaemon& daemon, const std::vector<std::string>& sources) {
-    (void)daemon;
     for (const std::string& text : sources) {
         try {
-            nlohmann::json source = nlohmann::json::parse(text);
-            (void)source;
-            std::cerr << "Failed to add data source: data sources are not supported" << std::endl;
+            auto config = vostra::data::DataSourceConfig::fromJson(nlohmann::json::parse(text));
+            if (daemon.addDataSource(config))
+                std::cout << "Added data source: " << config.id << std::endl;
+            else
+                std::cerr << "Failed to add data source: " << config.id << std::endl;
         } catch (const std::exception& error) {
             std::cerr << "Error parsing data source: " << error.what() << std::endl;
         }

@@ -27,6 +27,13 @@ void DataDaemon::dispatch(const HttpRequest& request) {
         {Match::Exact, "/api/v1/metrics", &DataDaemon::handleMetrics},
         {Match::Exact, "/info", &DataDaemon::handleInfo},
         {Match::Exact, "/api/v1/info", &DataDaemon::handleInfo},
+        {Match::Exact, "/api/v1/data/sources", &DataDaemon::handleSources},
+        {Match::Prefix, "/api/v1/data/sources/", &DataDaemon::handleSourceById},
+        {Match::Exact, "/api/v1/data/query", &DataDaemon::handleQuery},
+        {Match::Exact, "/api/v1/data/execute", &DataDaemon::handleExecute},
+        {Match::Exact, "/api/v1/tenants", &DataDaemon::handleTenants},
+        {Match::Prefix, "/api/v1/tenants/", &DataDaemon::handleTenantById},
+        {Match::Prefix, "/api/v1/storage/", &DataDaemon::handleStorage},
         {Match::Exact, "/", &DataDaemon::handleRootRedirect},
     };
 

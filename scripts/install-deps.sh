@@ -11,6 +11,7 @@ build_packages=(
 test_packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 wrk nginx
+  postgresql postgresql-client mariadb-server mariadb-client
 )
 
 case "${1:-build}" in
@@ -32,6 +33,13 @@ if [ "$(id -u)" -ne 0 ]; then
   sudo="sudo"
 fi
 export DEBIAN_FRONTEND=noninteractive
+# Server packages must not start machine-wide services: the tests run
+# private instances of their own.
+if [ ! -e /usr/sbin/policy-rc.d ]; then
+  printf '#!/bin/sh\nexit 101\n' | $sudo tee /usr/sbin/policy-rc.d >/dev/null
+  $sudo chmod 755 /usr/sbin/policy-rc.d
+  trap '$sudo rm -f /usr/sbin/policy-rc.d' EXIT
+fi
 echo "Installing: ${missing[*]}"
 # Try the cached package lists first; refresh them only when that fails.
 $sudo apt-get install -y -q --no-install-recommends "${missing[@]}" \

@@ -9,6 +9,12 @@ jobs=$(nproc)
 
 "$root/scripts/install-deps.sh" test || exit 1
 
+# Private database servers for the connector tests, removed on any exit.
+source "$root/scripts/test-servers.sh"
+trap stop_test_servers EXIT
+trap 'exit 130' INT TERM
+start_test_servers || exit 1
+
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:strict_string_checks=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
@@ -41,7 +47,7 @@ suite() {
 
 suite normal -- -DCMAKE_BUILD_TYPE=RelWithDebInfo
 suite asan -- -DCMAKE_BUILD_TYPE=Debug -DVOSTRA_SANITIZE=ON
-TARGETS="${TSAN_TARGETS:-}" suite tsan -L concurrency -- -DCMAKE_BUILD_TYPE=Debug -DVOSTRA_TSAN=ON
+TARGETS="${TSAN_TARGETS:-connection_pool_test}" suite tsan -L concurrency -- -DCMAKE_BUILD_TYPE=Debug -DVOSTRA_TSAN=ON
 
 echo
 echo "=== Summary"

@@ -1,0 +1,69 @@
+// The configuration record of one relational data source, with the sizes and
+// times of its connection pool. Plain values: the registry keeps one per
+// source, and every pool and connector keeps its own copy.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "connectors/connector_type.h"
+
+namespace vostra::data {
+
+struct PoolConfig {
+    int32_t min_connections = 1;
+    int32_t max_connections = 10;
+    int32_t connection_timeout_ms = 5000;
+    int32_t idle_timeout_ms = 300000;
+    int32_t health_check_interval_ms = 30000;
+    int32_t max_lifetime_ms = 3600000;
+    bool validate_on_acquire = true;
+    std::string validation_query = "SELECT 1";
+
+    // Starts from the defaults and assigns only the keys present. A non-object
+    // gives the defaults; a present key of the wrong JSON type throws
+    // nlohmann::json::type_error.
+    static PoolConfig fromJson(const nlohmann::json& json);
+    nlohmann::json toJson() const;
+};
+
+struct DataSourceConfig {
+    std::string id;  // unique key in the registry
+    std::string name;
+    ConnectorType type = ConnectorType::SQLite;
+    AccessMode access_mode = AccessMode::ReadOnly;
+    std::string host;
+    int32_t port = 0;  // 0: the driver's default port
+    std::string database;
+    std::string username;
+    std::string password;
+    std::string schema;  // schema to list (PostgreSQL, DB2)
+    std::string path;    // SQLite file; empty: an in-memory database
+    std::string dsn;     // ODBC data source name (DB2)
+    std::string db2_instance;
+    bool use_ssl = false;
+    std::string ssl_cert_path;
+    bool is_zos = false;  // the DB2 server is a mainframe system
+    std::string location;
+    PoolConfig pool_config;
+    std::vector<std::string> labels;
+    bool enabled = true;
+
+    // As PoolConfig::fromJson; "type" and "access_mode" are names (unknown
+    // names fall back silently) and "labels" replaces the whole list.
+    static DataSourceConfig fromJson(const nlohmann::json& json);
+
+    // Same keys as fromJson reads, the password included, so the result reads
+    // back to an equal record. Callers that publish it must strip secrets.
+    nlohmann::json toJson() const;
+
+    // The driver's connection text for this source's type: the file path for
+    // SQLite, a libpq keyword string for PostgreSQL, an ODBC string for
+    // DB2_ODBC, and the empty string for the others. Values are inserted
+    // verbatim, without quoting.
+    std::string getConnectionString() const;
+};
+
+}  // namespace vostra::data

@@ -1,0 +1,339 @@
+#include "connectors/data_source_registry.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "common/json_fields.h"
+#include "common/log.h"
+#include "connectors/connection_pool.h"
+#include "connectors/connector_type.h"
+#include "connectors/data_connector.h"
+#include "connectors/pooled_connection_guard.h"
+
+namespace vostra::data {
+namespace {
+
+constexpr vostra::Log kLog("[DataDaemon] ");
+constexpr int kTestTimeoutMs = 5000;
+constexpr int kCatalogTimeoutMs = 30000;
+
+// Writes `text` to `path` through a temporary file and a rename, so a crash
+// leaves either the old file or the new one, never half of one.
+bool writeFileAtomically(const std::string& path, const std::string& text, mode_t mode) {
+    const std::string temporary = path + ".tmp";
+    int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    if (fd < 0) return false;
+    fchmod(fd, mode);  // an older temporary may have had other permissions
+    std::size_t written = 0;
+    while (written < text.size()) {
+        ssize_t n = write(fd, text.data() + written, text.size() - written);
+        if (n <= 0) break;
+        written += static_cast<std::size_t>(n);
+    }
+    const bool ok = written == text.size() && fsync(fd) == 0;
+    close(fd);
+    if (!ok || std::rename(temporary.c_str(), path.c_str()) != 0) {
+        unlink(temporary.c_str());
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+QueryRequest QueryRequest::fromJson(const nlohmann::json& json) {
+    QueryRequest r;
+    readField(json, "source_id", r.source_id);
+    readField(json, "sql", r.sql);
+    readField(json, "params", r.params);
+    readField(json, "timeout_ms", r.timeout_ms);
+    readField(json, "max_rows", r.max_rows);
+    readField(json, "include_metadata", r.include_metadata);
+    return r;
+}
+
+ExecuteRequest ExecuteRequest::fromJson(const nlohmann::json& json) {
+    ExecuteRequest r;
+    readField(json, "source_id", r.source_id);
+    readField(json, "sql", r.sql);
+    readField(json, "params", r.params);
+    readField(json, "timeout_ms", r.timeout_ms);
+    readField(json, "auto_commit", r.auto_commit);
+    return r;
+}
+
+void SourceMetrics::recordUse(const std::string* error) {
+    std::lock_guard lock(mutex_);
+    last_used_ = std::chrono::system_clock::now();
+    if (error) last_error_ = *error;
+}
+
+std::chrono::system_clock::time_point SourceMetrics::lastUsed() const {
+    std::lock_guard lock(mutex_);
+    return last_used_;
+}
+
+std::string SourceMetrics::lastError() const {
+    std::lock_guard lock(mutex_);
+    return last_error_;
+}
+
+DataSourceRegistry::DataSourceRegistry(std::string state_file)
+    : state_file_(std::move(state_file)) {}
+
+DataSourceRegistry::~DataSourceRegistry() {
+    clear();
+}
+
+bool DataSourceRegistry::addDataSource(const DataSourceConfig& config) {
+    std::lock_guard lock(mutex_);
+    if (sources_.count(config.id)) {
+        kLog.error("Data source already exists: ", config.id);
+        return false;
+    }
+    auto pool = std::make_shared<ConnectionPool>(config);
+    if (!pool->initialize()) {
+        kLog.error("Failed to initialize pool for: ", config.id);
+        return false;
+    }
+    sources_[config.id] = Source{config, std::move(pool), std::make_shared<SourceMetrics>()};
+    dormant_.erase(config.id);
+    save();
+    kLog.info("Added data source: ", config.id, " (", connectorTypeName(config.type), ")");
+    return true;
+}
+
+bool DataSourceRegistry::removeDataSource(const std::string& id) {
+    std::lock_guard lock(mutex_);
+    const bool was_dormant = dormant_.erase(id) > 0;
+    auto it = sources_.find(id);
+    if (it == sources_.end()) {
+        if (was_dormant) save();
+        return false;
+    }
+    it->second.pool->shutdown();
+    sources_.erase(it);
+    save();
+    kLog.info("Removed data source: ", id);
+    return true;
+}
+
+DataSourceStatusInfo DataSourceRegistry::statusOf(const Source& source) {
+    DataSourceStatusInfo info;
+    info.id = source.config.id;
+    info.name = source.config.name;
+    if (source.pool) {
+        PoolStats stats = source.pool->getStats();
+        info.pool_size = static_cast<int32_t>(stats.total);
+        info.pool_available = static_cast<int32_t>(stats.available);
+        info.pool_in_use = static_cast<int32_t>(stats.active);
+        info.status =
+            source.pool->isHealthy() ? DataSourceStatus::Connected : DataSourceStatus::Degraded;
+    } else {
+        info.status = DataSourceStatus::Disconnected;
+    }
+    if (source.metrics) {
+        const SourceMetrics& m = *source.metrics;
+        info.queries_executed = m.queries.load();
+        info.queries_failed = m.errors.load();
+        if (info.queries_executed > 0)
+            info.avg_query_time_ms = static_cast<double>(m.total_time_ms.load()) /
+                                     static_cast<double>(info.queries_executed);
+        info.last_used = m.lastUsed();
+        info.last_error = m.lastError();
+    }
+    return info;
+}
+
+DataSourceStatusInfo DataSourceRegistry::getDataSourceStatus(const std::string& id) const {
+    Source source;
+    if (!find(id, source)) return {};
+    return statusOf(source);
+}
+
+std::vector<DataSourceStatusInfo> DataSourceRegistry::listDataSources() const {
+    std::vector<Source> snapshot;
+    {
+        std::lock_guard lock(mutex_);
+        snapshot.reserve(sources_.size());
+        for (const auto& entry : sources_)
+            snapshot.push_back(entry.second);
+    }
+    std::vector<DataSourceStatusInfo> all;
+    all.reserve(snapshot.size());
+    for (const Source& source : snapshot)
+        all.push_back(statusOf(source));
+    return all;
+}
+
+bool DataSourceRegistry::hasDataSource(const std::string& id) const {
+    std::lock_guard lock(mutex_);
+    return sources_.count(id) > 0;
+}
+
+std::size_t DataSourceRegistry::size() const {
+    std::lock_guard lock(mutex_);
+    return sources_.size();
+}
+
+std::size_t DataSourceRegistry::healthyCount() const {
+    std::lock_guard lock(mutex_);
+    std::size_t healthy = 0;
+    for (const auto& entry : sources_)
+        if (entry.second.pool && entry.second.pool->isHealthy()) ++healthy;
+    return healthy;
+}
+
+bool DataSourceRegistry::testDataSource(const std::string& id) {
+    std::lock_guard lock(mutex_);
+    auto it = sources_.find(id);
+    if (it == sources_.end() || !it->second.pool) return false;
+    PooledConnectionGuard connection(*it->second.pool, kTestTimeoutMs);
+    return connection && connection->validate();
+}
+
+std::vector<std::string> DataSourceRegistry::getTables(const std::string& id) {
+    Source source;
+    if (!find(id, source) || !source.pool) return {};
+    PooledConnectionGuard connection(*source.pool, kCatalogTimeoutMs);
+    return connection ? connection->getTables() : std::vector<std::string>{};
+}
+
+SchemaInfo DataSourceRegistry::getSchema(const std::string& id) {
+    Source source;
+    if (!find(id, source) || !source.pool) return {};
+    PooledConnectionGuard connection(*source.pool, kCatalogTimeoutMs);
+    return connection ? connection->getSchema() : SchemaInfo{};
+}
+
+bool DataSourceRegistry::find(const std::string& id, Source& out) const {
+    std::lock_guard lock(mutex_);
+    auto it = sources_.find(id);
+    if (it == sources_.end()) return false;
+    out = it->second;
+    return true;
+}
+
+QueryResult DataSourceRegistry::failBeforeStatement(std::string error, SourceMetrics* metrics) {
+    counters_.errors.fetch_add(1);
+    if (metrics) {
+        metrics->errors.fetch_add(1);
+        metrics->recordUse(&error);
+    }
+    QueryResult result;
+    result.error = std::move(error);
+    return result;
+}
+
+namespace {
+
+void recordOutcome(SourceMetrics* metrics, const QueryResult& result) {
+    if (!metrics) return;
+    if (result.success) {
+        metrics->queries.fetch_add(1);
+        metrics->total_time_ms.fetch_add(
+            static_cast<uint64_t>(std::max<int64_t>(0, result.execution_time_ms)));
+        metrics->recordUse(nullptr);
+    } else {
+        metrics->errors.fetch_add(1);
+        metrics->recordUse(&result.error);
+    }
+}
+
+}  // namespace
+
+QueryResult DataSourceRegistry::executeQuery(const QueryRequest& request) {
+    Source source;
+    if (!find(request.source_id, source) || !source.pool)
+        return failBeforeStatement("Data source not found: " + request.source_id, nullptr);
+
+    PooledConnectionGuard connection(*source.pool, request.timeout_ms);
+    if (!connection)
+        return failBeforeStatement("Failed to acquire connection", source.metrics.get());
+
+    QueryResult result = connection->query(request.sql, request.params);
+    counters_.queries.fetch_add(1);
+    recordOutcome(source.metrics.get(), result);
+    return result;
+}
+
+QueryResult DataSourceRegistry::executeStatement(const ExecuteRequest& request) {
+    Source source;
+    if (!find(request.source_id, source))
+        return failBeforeStatement("Data source not found: " + request.source_id, nullptr);
+    if (source.config.access_mode == AccessMode::ReadOnly)
+        return failBeforeStatement("Data source is read-only", source.metrics.get());
+    if (!source.pool) return failBeforeStatement("Connection pool not found", source.metrics.get());
+
+    PooledConnectionGuard connection(*source.pool, request.timeout_ms);
+    if (!connection)
+        return failBeforeStatement("Failed to acquire connection", source.metrics.get());
+
+    QueryResult result = connection->execute(request.sql, request.params);
+    counters_.executes.fetch_add(1);
+    recordOutcome(source.metrics.get(), result);
+    return result;
+}
+
+std::size_t DataSourceRegistry::load() {
+    if (state_file_.empty()) return 0;
+    std::ifstream file(state_file_);
+    if (!file) return 0;
+
+    nlohmann::json saved = nlohmann::json::parse(file, nullptr, /*allow_exceptions=*/false);
+    if (!saved.is_array()) {
+        kLog.error("Ignoring unreadable data source file: ", state_file_);
+        return 0;
+    }
+    std::size_t restored = 0;
+    {
+        // Saving half-way through would drop the entries not yet restored.
+        std::lock_guard lock(mutex_);
+        loading_ = true;
+    }
+    for (const auto& entry : saved) {
+        DataSourceConfig config;
+        try {
+            config = DataSourceConfig::fromJson(entry);
+        } catch (const std::exception& error) {
+            kLog.error("Skipping unreadable saved data source: ", error.what());
+            continue;
+        }
+        if (addDataSource(config)) {
+            ++restored;
+            continue;
+        }
+        kLog.error("Could not restore data source: ", config.id);
+        std::lock_guard lock(mutex_);
+        if (!sources_.count(config.id)) dormant_[config.id] = config;
+    }
+    std::lock_guard lock(mutex_);
+    loading_ = false;
+    save();
+    return restored;
+}
+
+void DataSourceRegistry::clear() {
+    std::lock_guard lock(mutex_);
+    for (auto& entry : sources_)
+        if (entry.second.pool) entry.second.pool->shutdown();
+    sources_.clear();
+}
+
+void DataSourceRegistry::save() const {
+    if (state_file_.empty() || loading_) return;
+    nlohmann::json all = nlohmann::json::array();
+    for (const auto& entry : sources_)
+        all.push_back(entry.second.config.toJson());
+    for (const auto& entry : dormant_)
+        all.push_back(entry.second.toJson());
+    if (!writeFileAtomically(state_file_, all.dump(2), 0600))
+        kLog.error("Failed to save data sources to ", state_file_);
+}
+
+}  // namespace vostra::data

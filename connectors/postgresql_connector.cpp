@@ -1,0 +1,247 @@
+#include "connectors/postgresql_connector.h"
+
+#include <libpq-fe.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+
+#include "connectors/sql_literal.h"
+
+namespace vostra::data {
+namespace {
+
+constexpr const char* kColumnsQuery = R"(
+        SELECT column_name, data_type, is_nullable, column_default, ordinal_position
+        FROM information_schema.columns
+        WHERE table_schema = $1 AND table_name = $2
+        ORDER BY ordinal_position
+    )";
+
+constexpr const char* kPrimaryKeyQuery = R"(
+        SELECT kcu.column_name
+        FROM information_schema.table_constraints tc
+        JOIN information_schema.key_column_usage kcu
+            ON tc.constraint_name = kcu.constraint_name
+        WHERE tc.table_schema = $1 AND tc.table_name = $2
+            AND tc.constraint_type = 'PRIMARY KEY'
+    )";
+
+constexpr int32_t kPostgreSQLDefaultPort = 5432;
+
+// A libpq keyword value in single quotes, with ' and \ escaped by a backslash.
+std::string quoteValue(const std::string& value) {
+    std::string quoted = "'";
+    for (char c : value) {
+        if (c == '\\' || c == '\'') quoted.push_back('\\');
+        quoted.push_back(c);
+    }
+    quoted.push_back('\'');
+    return quoted;
+}
+
+struct ResultClearer {
+    void operator()(PGresult* result) const { PQclear(result); }
+};
+using Result = std::unique_ptr<PGresult, ResultClearer>;
+
+}  // namespace
+
+PostgreSQLConnector::~PostgreSQLConnector() {
+    disconnect();
+}
+
+std::string PostgreSQLConnector::buildConnectionInfo(const DataSourceConfig& config) {
+    // The same keywords as getConnectionString(), but quoted: unquoted, an
+    // empty value swallows the keyword after it and a space in a password
+    // ends it early.
+    const int32_t port = config.port < 1 ? kPostgreSQLDefaultPort : config.port;
+    std::string conninfo = "host=" + quoteValue(config.host) + " port=" + std::to_string(port) +
+                           " dbname=" + quoteValue(config.database) +
+                           " user=" + quoteValue(config.username) +
+                           " password=" + quoteValue(config.password);
+    // Without a limit an unreachable host holds a pool's first connect for
+    // minutes; the pool's own wait budget is the natural bound.
+    const int32_t timeout_s = std::max(1, config.pool_config.connection_timeout_ms / 1000);
+    conninfo += " connect_timeout=" + std::to_string(timeout_s);
+    // A source that asks for TLS must not silently fall back to plain text.
+    if (config.use_ssl) {
+        conninfo += " sslmode=require";
+        if (!config.ssl_cert_path.empty()) {
+            conninfo += " sslrootcert=" + quoteValue(config.ssl_cert_path);
+        }
+    }
+    return conninfo;
+}
+
+bool PostgreSQLConnector::connect(const DataSourceConfig& config) {
+    disconnect();
+    config_ = config;
+    const std::string conninfo = buildConnectionInfo(config);
+    conn_ = PQconnectdb(conninfo.c_str());
+    if (PQstatus(conn_) != CONNECTION_OK) {
+        last_error_ = PQerrorMessage(conn_);
+        PQfinish(conn_);
+        conn_ = nullptr;
+        return false;
+    }
+    if (!config.schema.empty()) {
+        // Appended as given: the schema comes from the operator's own
+        // configuration, and may name several schemas separated by commas.
+        Result(PQexec(conn_, ("SET search_path TO " + config.schema).c_str()));
+    }
+    return true;
+}
+
+void PostgreSQLConnector::disconnect() {
+    if (conn_ == nullptr) return;
+    if (in_transaction_) rollback();
+    PQfinish(conn_);
+    conn_ = nullptr;
+    in_transaction_ = false;
+}
+
+bool PostgreSQLConnector::isConnected() const {
+    return conn_ != nullptr && PQstatus(conn_) == CONNECTION_OK;
+}
+
+bool PostgreSQLConnector::validate() {
+    if (conn_ == nullptr) return false;
+    if (PQstatus(conn_) != CONNECTION_OK) {
+        PQreset(conn_);
+        // A reset connection starts outside any transaction.
+        in_transaction_ = false;
+        return PQstatus(conn_) == CONNECTION_OK;
+    }
+    return query("SELECT 1", {}).success;
+}
+
+QueryResult PostgreSQLConnector::query(const std::string& sql,
+                                       const std::vector<std::string>& params) {
+    return run(sql, params);
+}
+
+QueryResult PostgreSQLConnector::execute(const std::string& sql,
+                                         const std::vector<std::string>& params) {
+    return run(sql, params);
+}
+
+QueryResult PostgreSQLConnector::run(const std::string& sql,
+                                     const std::vector<std::string>& params) {
+    const auto start = std::chrono::steady_clock::now();
+    QueryResult result;
+    if (conn_ == nullptr) return fail(result, kNotConnected);
+
+    Result pg;
+    if (params.empty()) {
+        pg.reset(PQexec(conn_, sql.c_str()));
+    } else {
+        std::vector<const char*> values;
+        values.reserve(params.size());
+        for (const std::string& p : params)
+            values.push_back(p.c_str());
+        pg.reset(PQexecParams(conn_, sql.c_str(), static_cast<int>(values.size()), nullptr,
+                              values.data(), nullptr, nullptr, 0));
+    }
+    const ExecStatusType status = PQresultStatus(pg.get());
+    if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK) {
+        return fail(result, PQerrorMessage(conn_));
+    }
+
+    const int fields = PQnfields(pg.get());
+    for (int f = 0; f < fields; ++f)
+        result.columns.emplace_back(PQfname(pg.get(), f));
+    const int tuples = PQntuples(pg.get());
+    result.rows.reserve(static_cast<std::size_t>(tuples));
+    for (int t = 0; t < tuples; ++t) {
+        QueryResult::Row row;
+        for (int f = 0; f < fields; ++f) {
+            row[result.columns[f]] = PQgetisnull(pg.get(), t, f) ? "" : PQgetvalue(pg.get(), t, f);
+        }
+        result.rows.push_back(std::move(row));
+    }
+    if (status == PGRES_COMMAND_OK) {
+        const std::string count = PQcmdTuples(pg.get());
+        if (!count.empty()) result.affected_rows = std::stoi(count);
+    }
+    succeed(result, start);
+    return result;
+}
+
+std::string PostgreSQLConnector::effectiveSchema() const {
+    return config_.schema.empty() ? "public" : config_.schema;
+}
+
+std::vector<std::string> PostgreSQLConnector::getTables() {
+    std::vector<std::string> tables;
+    const QueryResult result = query(
+        "SELECT table_name FROM information_schema.tables WHERE table_schema = $1 AND "
+        "table_type = 'BASE TABLE'",
+        {effectiveSchema()});
+    for (const auto& row : result.rows)
+        tables.push_back(row.at("table_name"));
+    return tables;
+}
+
+std::vector<ColumnInfo> PostgreSQLConnector::getColumns(const std::string& table) {
+    std::vector<ColumnInfo> columns;
+    const std::vector<std::string> params = {effectiveSchema(), table};
+    const QueryResult described = query(kColumnsQuery, params);
+    const QueryResult keys = query(kPrimaryKeyQuery, params);
+    std::vector<std::string> key_columns;
+    for (const auto& row : keys.rows)
+        key_columns.push_back(row.at("column_name"));
+    for (const auto& row : described.rows) {
+        ColumnInfo column;
+        column.name = row.at("column_name");
+        column.type = row.at("data_type");
+        column.nullable = row.at("is_nullable") == "YES";
+        column.default_value = row.at("column_default");
+        column.ordinal_position = std::stoi(row.at("ordinal_position"));
+        column.primary_key =
+            std::find(key_columns.begin(), key_columns.end(), column.name) != key_columns.end();
+        columns.push_back(std::move(column));
+    }
+    return columns;
+}
+
+SchemaInfo PostgreSQLConnector::getSchema() {
+    SchemaInfo schema;
+    schema.source_id = config_.id;
+    for (const std::string& name : getTables()) {
+        schema.tables.push_back({name, effectiveSchema(), "TABLE", getColumns(name)});
+    }
+    return schema;
+}
+
+std::string PostgreSQLConnector::escape(const std::string& text) {
+    if (conn_ == nullptr) return quoteSqlLiteral(text);
+    char* literal = PQescapeLiteral(conn_, text.c_str(), text.size());
+    if (literal == nullptr) return "";
+    std::string out(literal);
+    PQfreemem(literal);
+    return out;
+}
+
+bool PostgreSQLConnector::beginTransaction() {
+    if (!isConnected() || in_transaction_) return false;
+    const bool ok = execute("BEGIN", {}).success;
+    if (ok) in_transaction_ = true;
+    return ok;
+}
+
+bool PostgreSQLConnector::commit() {
+    if (!isConnected() || !in_transaction_) return false;
+    const bool ok = execute("COMMIT", {}).success;
+    if (ok) in_transaction_ = false;
+    return ok;
+}
+
+bool PostgreSQLConnector::rollback() {
+    if (!isConnected() || !in_transaction_) return false;
+    const bool ok = execute("ROLLBACK", {}).success;
+    in_transaction_ = false;
+    return ok;
+}
+
+}  // namespace vostra::data

@@ -1,0 +1,192 @@
+#include "connectors/sqlite_connector.h"
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "connectors/sql_literal.h"
+
+namespace vostra::data {
+namespace {
+
+constexpr int kBusyTimeoutMs = 5000;
+
+// Finalizes the statement on every path out of run().
+struct StatementCloser {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, StatementCloser>;
+
+std::string columnText(sqlite3_stmt* statement, int column) {
+    const unsigned char* text = sqlite3_column_text(statement, column);
+    if (text == nullptr) return "";  // SQL NULL
+    return std::string(reinterpret_cast<const char*>(text),
+                       static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+}
+
+}  // namespace
+
+SQLiteConnector::~SQLiteConnector() {
+    disconnect();
+}
+
+bool SQLiteConnector::connect(const DataSourceConfig& config) {
+    if (db_ != nullptr) disconnect();
+    config_ = config;
+    const std::string file = config.path.empty() ? ":memory:" : config.path;
+    int flags = config.access_mode == AccessMode::ReadWrite
+                          ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE
+                          : SQLITE_OPEN_READONLY;
+    // A connector serves one caller at a time (the pool sees to that), so
+    // SQLite's own per-connection locking is pure cost.
+    flags |= SQLITE_OPEN_NOMUTEX;
+    sqlite3* handle = nullptr;
+    if (sqlite3_open_v2(file.c_str(), &handle, flags, nullptr) != SQLITE_OK) {
+        // The handle exists even when opening fails and carries the message.
+        last_error_ = handle != nullptr ? sqlite3_errmsg(handle) : "out of memory";
+        sqlite3_close(handle);
+        return false;
+    }
+    db_ = handle;
+    sqlite3_exec(db_, "PRAGMA foreign_keys = ON", nullptr, nullptr, nullptr);
+    // Pooled connections to one file take turns writing; without a wait the
+    // loser of a race fails at once with "database is locked".
+    sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+    return true;
+}
+
+void SQLiteConnector::disconnect() {
+    if (db_ == nullptr) return;
+    if (in_transaction_) rollback();
+    sqlite3_close(db_);
+    db_ = nullptr;
+}
+
+bool SQLiteConnector::validate() {
+    if (db_ == nullptr) return false;
+    return query("SELECT 1", {}).success;
+}
+
+QueryResult SQLiteConnector::query(const std::string& sql, const std::vector<std::string>& params) {
+    return run(sql, params);
+}
+
+QueryResult SQLiteConnector::execute(const std::string& sql,
+                                     const std::vector<std::string>& params) {
+    return run(sql, params);
+}
+
+QueryResult SQLiteConnector::run(const std::string& sql, const std::vector<std::string>& params) {
+    const auto start = std::chrono::steady_clock::now();
+    QueryResult result;
+    if (db_ == nullptr) return fail(result, kNotConnected);
+
+    sqlite3_stmt* raw = nullptr;
+    // Whatever follows the first statement is ignored on purpose: one call,
+    // one statement, so parameters cannot leak into a second one.
+    if (sqlite3_prepare_v2(db_, sql.c_str(), static_cast<int>(sql.size()), &raw, nullptr) !=
+        SQLITE_OK) {
+        return fail(result, sqlite3_errmsg(db_));
+    }
+    Statement statement(raw);
+    if (!statement) {
+        // Only whitespace or comments: nothing to run, as sqlite3_exec sees it.
+        result.affected_rows = sqlite3_changes(db_);
+        result.last_insert_id = sqlite3_last_insert_rowid(db_);
+        succeed(result, start);
+        return result;
+    }
+
+    for (std::size_t i = 0; i < params.size(); ++i) {
+        if (sqlite3_bind_text(raw, static_cast<int>(i + 1), params[i].c_str(),
+                              static_cast<int>(params[i].size()), SQLITE_TRANSIENT) != SQLITE_OK) {
+            return fail(result, sqlite3_errmsg(db_));
+        }
+    }
+
+    const int column_count = sqlite3_column_count(raw);
+    for (int c = 0; c < column_count; ++c) {
+        const char* name = sqlite3_column_name(raw, c);
+        result.columns.emplace_back(name != nullptr ? name : "");
+    }
+
+    int step;
+    while ((step = sqlite3_step(raw)) == SQLITE_ROW) {
+        QueryResult::Row row;
+        for (int c = 0; c < column_count; ++c)
+            row[result.columns[c]] = columnText(raw, c);
+        result.rows.push_back(std::move(row));
+    }
+    if (step != SQLITE_DONE) return fail(result, sqlite3_errmsg(db_));
+
+    // Taken after every statement, SELECT included, where it repeats the
+    // connection's last modification count; callers depend on that.
+    result.affected_rows = sqlite3_changes(db_);
+    result.last_insert_id = sqlite3_last_insert_rowid(db_);
+    statement.reset();
+    succeed(result, start);
+    return result;
+}
+
+std::vector<std::string> SQLiteConnector::getTables() {
+    std::vector<std::string> tables;
+    const QueryResult result =
+        query("SELECT name FROM sqlite_master WHERE type='table' AND name NOT LIKE 'sqlite_%'", {});
+    for (const auto& row : result.rows)
+        tables.push_back(row.at("name"));
+    return tables;
+}
+
+std::vector<ColumnInfo> SQLiteConnector::getColumns(const std::string& table) {
+    std::vector<ColumnInfo> columns;
+    const QueryResult result = query("PRAGMA table_info(" + escape(table) + ")", {});
+    for (const auto& row : result.rows) {
+        ColumnInfo column;
+        column.name = row.at("name");
+        column.type = row.at("type");
+        column.nullable = row.at("notnull") == "0";
+        column.primary_key = row.at("pk") != "0";
+        column.default_value = row.at("dflt_value");
+        column.ordinal_position = std::stoi(row.at("cid"));
+        columns.push_back(std::move(column));
+    }
+    return columns;
+}
+
+SchemaInfo SQLiteConnector::getSchema() {
+    SchemaInfo schema;
+    schema.source_id = config_.id;
+    for (const std::string& name : getTables()) {
+        schema.tables.push_back({name, "", "TABLE", getColumns(name)});
+    }
+    return schema;
+}
+
+std::string SQLiteConnector::escape(const std::string& text) {
+    return quoteSqlLiteral(text);
+}
+
+bool SQLiteConnector::beginTransaction() {
+    if (db_ == nullptr || in_transaction_) return false;
+    const bool ok = execute("BEGIN TRANSACTION", {}).success;
+    if (ok) in_transaction_ = true;
+    return ok;
+}
+
+bool SQLiteConnector::commit() {
+    if (db_ == nullptr || !in_transaction_) return false;
+    const bool ok = execute("COMMIT", {}).success;
+    if (ok) in_transaction_ = false;
+    return ok;
+}
+
+bool SQLiteConnector::rollback() {
+    if (db_ == nullptr || !in_transaction_) return false;
+    const bool ok = execute("ROLLBACK", {}).success;
+    in_transaction_ = false;
+    return ok;
+}
+
+}  // namespace vostra::data

@@ -1,0 +1,61 @@
+// DataConnector for SQLite files and in-memory databases, on the sqlite3 C
+// interface. The factory's fallback for unknown type names. Owns its database
+// handle; closing happens in disconnect() or the destructor.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "connectors/data_connector.h"
+
+struct sqlite3;
+
+namespace vostra::data {
+
+class SQLiteConnector : public DataConnector {
+public:
+    SQLiteConnector() = default;
+    ~SQLiteConnector() override;
+
+    ConnectorType getType() const override { return ConnectorType::SQLite; }
+    std::string getName() const override { return "SQLite"; }
+
+    // Opens `config.path` (":memory:" when empty, a fresh database each time)
+    // read-write-create for ReadWrite sources and read-only otherwise, so a
+    // read-only source whose file is missing fails with SQLite's message.
+    // Foreign keys are switched on.
+    bool connect(const DataSourceConfig& config) override;
+    void disconnect() override;
+    bool isConnected() const override { return db_ != nullptr; }
+    bool validate() override;
+
+    // query and execute are one routine: only the first statement of `sql`
+    // runs; more parameters than placeholders fail with SQLite's range error
+    // and nothing runs. affected_rows is sqlite3_changes after every
+    // statement, so after a SELECT it repeats the last modification's count.
+    QueryResult query(const std::string& sql, const std::vector<std::string>& params) override;
+    QueryResult execute(const std::string& sql, const std::vector<std::string>& params) override;
+
+    // Tables in sqlite_master order, without views or SQLite's own tables.
+    SchemaInfo getSchema() override;
+    std::vector<std::string> getTables() override;
+    // PRAGMA table_info with the name escaped, so any table name works.
+    // Throws std::out_of_range only for a column number beyond 32 bits.
+    std::vector<ColumnInfo> getColumns(const std::string& table) override;
+
+    std::string escape(const std::string& text) override;
+
+    // A failed COMMIT keeps the transaction open for a ROLLBACK; a ROLLBACK
+    // ends it whatever its outcome.
+    bool beginTransaction() override;
+    bool commit() override;
+    bool rollback() override;
+
+private:
+    QueryResult run(const std::string& sql, const std::vector<std::string>& params);
+
+    sqlite3* db_ = nullptr;
+    bool in_transaction_ = false;
+};
+
+}  // namespace vostra::data

@@ -1,0 +1,85 @@
+// FilesystemBackend: the default storage backend. Every tenant's files are
+// ordinary files under <base>/tenants/<tenant>, each with a ".meta" JSON
+// sidecar holding what the file system cannot (content type, checksum,
+// caller metadata). The NFS exports serve these same directories, so the
+// layout is a contract. Owned by StorageService.
+//
+// Confinement: caller paths are sanitised ("." and ".." dropped, never
+// resolved), and a symbolic link met on the way to the target, or a target
+// that is not a regular file or directory, refuses the request (`refused`
+// set) instead of being followed: someone with access to the directories
+// (an NFS client, a local user) could otherwise point a tenant outside its
+// tree.
+//
+// Thread-safety: one mutex serialises every operation for its whole
+// duration, the directory walks of getTenantUsage included.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "storage/storage_backend.h"
+
+namespace vostra::data {
+
+class FilesystemBackend final : public StorageBackend {
+public:
+    FilesystemBackend() = default;
+    FilesystemBackend(const FilesystemBackend&) = delete;
+    FilesystemBackend& operator=(const FilesystemBackend&) = delete;
+
+    // Creates <base>, <base>/tenants, <base>/cluster and <base>/system. False
+    // when they cannot be created.
+    bool initialize(const StorageServiceConfig& config) override;
+    void shutdown() override {}
+
+    StorageResult write(const std::string& tenant, const std::string& path, const std::string& data,
+                        const std::string& content_type, const Metadata& metadata) override;
+    StorageResult read(const std::string& tenant, const std::string& path, int64_t offset,
+                       int64_t length) override;
+    StorageResult remove(const std::string& tenant, const std::string& path,
+                         bool recursive) override;
+    // Sidecars and symbolic links are never listed; content types come from
+    // the extension (sidecars are not read while listing).
+    StorageResult list(const std::string& tenant, const std::string& path, bool recursive,
+                       const std::string& pattern, int32_t limit, int32_t offset) override;
+    StorageResult stat(const std::string& tenant, const std::string& path) override;
+    StorageResult mkdir(const std::string& tenant, const std::string& path) override;
+    StorageResult move(const std::string& tenant, const std::string& from,
+                       const std::string& to) override;
+    StorageResult copy(const std::string& tenant, const std::string& from,
+                       const std::string& to) override;
+
+    // Creates the tenant's root with swarms, artifacts, sessions and uploads.
+    bool createTenantDirectory(const std::string& tenant) override;
+    bool deleteTenantDirectory(const std::string& tenant) override;
+    // Sizes count every regular file, sidecars included; file_count leaves
+    // sidecars out. Walk errors are swallowed and the sums so far stand.
+    TenantUsage getTenantUsage(const std::string& tenant) override;
+    // <base>/tenants/<tenant>/<sanitised path>.
+    std::string getAbsolutePath(const std::string& tenant, const std::string& path) const override;
+
+    const std::string& basePath() const { return base_path_; }
+
+private:
+    std::filesystem::path tenantRoot(const std::string& tenant) const;
+    std::filesystem::path buildPath(const std::string& tenant, const std::string& sanitized) const;
+    static bool ensureParentDirs(const std::filesystem::path& full_path);
+    // A failed, refused result when the tenant root or an existing component
+    // of `sanitized` is a symbolic link; `shown` is the caller's path.
+    std::optional<StorageResult> refuseLinks(const std::string& tenant,
+                                             const std::string& sanitized,
+                                             const std::string& shown) const;
+    // The entry of an existing file or directory; content type, checksum and
+    // metadata from the sidecar when `with_sidecar` and one exists.
+    FileEntry describe(const std::filesystem::path& full, const std::string& sanitized,
+                       bool with_sidecar) const;
+
+    std::string base_path_ = "/var/lib/vostra/storage";
+    mutable std::mutex mutex_;
+};
+
+}  // namespace vostra::data

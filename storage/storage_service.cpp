@@ -1,0 +1,459 @@
+#include "storage/storage_service.h"
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "common/log.h"
+#include "common/random_id.h"
+#include "storage/content_type.h"
+#include "storage/filesystem_backend.h"
+#include "storage/memory_backend.h"
+#include "storage/path_rules.h"
+
+namespace vostra::data {
+namespace {
+
+constexpr vostra::Log kLog("[StorageService] ");
+constexpr const char* kTenantsFile = "/system/tenants.json";
+constexpr const char* kJsonType = "application/json";
+constexpr int kSubscriptionIdDigits = 16;
+
+TenantConfig builtInDefaultTenant() {
+    TenantConfig tenant;
+    tenant.id = "default";
+    tenant.name = "Default Tenant";
+    tenant.storage_quota_bytes = 53687091200;  // 50 GiB
+    tenant.retention_days = 30;
+    tenant.nfs_access = true;
+    tenant.api_access = true;
+    tenant.enabled = true;
+    return tenant;
+}
+
+std::string swarmPath(const std::string& swarm_id, const std::string& rest) {
+    return "swarms/" + swarm_id + "/" + rest;
+}
+
+}  // namespace
+
+StorageService::StorageService() = default;
+StorageService::~StorageService() = default;
+
+bool StorageService::initialize(const StorageServiceConfig& config) {
+    if (initialized_) return true;
+    config_ = config;
+    switch (config_.backend_type) {
+        case StorageBackendType::Filesystem:
+            backend_ = std::make_unique<FilesystemBackend>();
+            break;
+        case StorageBackendType::Memory:
+            backend_ = std::make_unique<MemoryBackend>();
+            break;
+        case StorageBackendType::S3:
+            kLog.error("S3 backend is not available in this build");
+            return false;
+        default:
+            break;  // an unknown selector keeps whatever backend is there
+    }
+    if (!backend_ || !backend_->initialize(config_)) {
+        backend_.reset();
+        return false;
+    }
+
+    // Not persisted here: saving before loading would overwrite the stored
+    // table with the default tenant alone.
+    const TenantConfig& configured = config_.default_tenant;
+    const TenantConfig tenant = configured.id.empty() ? builtInDefaultTenant() : configured;
+    if (insertTenant(tenant))
+        backend_->createTenantDirectory(tenant.id);
+    else
+        kLog.error("Cannot create default tenant: ", tenant.id);
+    loadTenantsFromDisk();
+
+    initialized_ = true;
+    kLog.info("Initialized");
+    return true;
+}
+
+void StorageService::shutdown() {
+    if (backend_) backend_->shutdown();
+}
+
+std::string StorageService::tenantIdProblem(std::string_view id) {
+    if (id.empty()) return "Invalid tenant id: the id is empty";
+    if (id == "." || id.find("..") != std::string_view::npos ||
+        id.find('/') != std::string_view::npos || id.find('\0') != std::string_view::npos)
+        return "Invalid tenant id (\"/\", \"..\" and \".\" are not allowed): " + std::string(id);
+    return {};
+}
+
+bool StorageService::validateTenantAccess(const std::string& tenant) const {
+    // The id names a directory: one that could leave the tenants folder is
+    // never served, whatever the table holds.
+    if (!tenantIdProblem(tenant).empty()) return false;
+    std::lock_guard lock(tenants_mutex_);
+    auto it = tenants_.find(tenant);
+    return it != tenants_.end() && it->second.enabled && it->second.api_access;
+}
+
+std::optional<StorageResult> StorageService::refuseAccess(const std::string& tenant) const {
+    if (!validateTenantAccess(tenant))
+        return StorageResult::failure("Tenant not found or access denied: " + tenant);
+    if (!backend_) return StorageResult::failure("Storage service not available");
+    return std::nullopt;
+}
+
+TenantUsage StorageService::getTenantUsage(const std::string& tenant) const {
+    TenantUsage usage;
+    if (backend_) usage = backend_->getTenantUsage(tenant);
+    usage.tenant_id = tenant;
+    std::lock_guard lock(tenants_mutex_);
+    auto it = tenants_.find(tenant);
+    usage.storage_quota_bytes = it == tenants_.end() ? 0 : it->second.storage_quota_bytes;
+    return usage;
+}
+
+bool StorageService::checkQuota(const std::string& tenant, int64_t additional_bytes) const {
+    if (!backend_) return additional_bytes <= 0;
+    const TenantUsage usage = getTenantUsage(tenant);
+    int64_t total = 0;
+    // An overflowing sum is over any quota.
+    if (__builtin_add_overflow(additional_bytes, usage.storage_used_bytes, &total)) return false;
+    return total <= usage.storage_quota_bytes;
+}
+
+std::optional<StorageResult> StorageService::refuseQuota(const std::string& tenant,
+                                                         int64_t additional_bytes) const {
+    if (checkQuota(tenant, additional_bytes)) return std::nullopt;
+    return StorageResult::failure("Storage quota exceeded for tenant: " + tenant);
+}
+
+std::string StorageService::getAbsolutePath(const std::string& tenant,
+                                            const std::string& path) const {
+    return backend_ ? backend_->getAbsolutePath(tenant, path) : std::string();
+}
+
+StorageResult StorageService::read(const StorageReadRequest& request) {
+    if (auto refused = refuseAccess(request.tenant_id)) return *refused;
+    StorageResult result =
+        backend_->read(request.tenant_id, request.path, request.offset, request.length);
+    if (result.success) {
+        total_reads_.fetch_add(1);
+        bytes_read_.fetch_add(result.bytes_read);
+    }
+    return result;
+}
+
+StorageResult StorageService::write(const StorageWriteRequest& request) {
+    if (auto refused = refuseAccess(request.tenant_id)) return *refused;
+    if (!isValidContentType(request.content_type)) {
+        StorageResult refused =
+            StorageResult::failure("Invalid content type: " + request.content_type);
+        refused.refused = true;
+        return refused;
+    }
+    if (auto refused = refuseQuota(request.tenant_id, static_cast<int64_t>(request.data.size())))
+        return *refused;
+    StorageResult result = backend_->write(request.tenant_id, request.path, request.data,
+                                           request.content_type, request.metadata);
+    if (result.success) {
+        total_writes_.fetch_add(1);
+        bytes_written_.fetch_add(result.bytes_written);
+        notifySubscribers(request.tenant_id, sanitizePath(request.path), "write");
+    }
+    return result;
+}
+
+StorageResult StorageService::list(const StorageListRequest& request) {
+    if (auto refused = refuseAccess(request.tenant_id)) return *refused;
+    return backend_->list(request.tenant_id, request.path, request.recursive, request.pattern,
+                          request.limit, request.offset);
+}
+
+StorageResult StorageService::stat(const std::string& tenant, const std::string& path) {
+    if (auto refused = refuseAccess(tenant)) return *refused;
+    return backend_->stat(tenant, path);
+}
+
+StorageResult StorageService::remove(const std::string& tenant, const std::string& path,
+                                     bool recursive) {
+    if (auto refused = refuseAccess(tenant)) return *refused;
+    StorageResult result = backend_->remove(tenant, path, recursive);
+    if (result.success) {
+        total_deletes_.fetch_add(1);
+        notifySubscribers(tenant, sanitizePath(path), "delete");
+    }
+    return result;
+}
+
+StorageResult StorageService::mkdir(const std::string& tenant, const std::string& path) {
+    if (auto refused = refuseAccess(tenant)) return *refused;
+    StorageResult result = backend_->mkdir(tenant, path);
+    if (result.success) notifySubscribers(tenant, sanitizePath(path), "mkdir");
+    return result;
+}
+
+StorageResult StorageService::move(const std::string& tenant, const std::string& from,
+                                   const std::string& to) {
+    if (auto refused = refuseAccess(tenant)) return *refused;
+    StorageResult result = backend_->move(tenant, from, to);
+    if (result.success) notifySubscribers(tenant, sanitizePath(to), "move");
+    return result;
+}
+
+StorageResult StorageService::copy(const std::string& tenant, const std::string& from,
+                                   const std::string& to) {
+    if (auto refused = refuseAccess(tenant)) return *refused;
+    // A source that cannot be found adds nothing; the copy itself reports it.
+    const StorageResult source = backend_->stat(tenant, from);
+    if (source.refused) return source;
+    int64_t added = source.entry ? source.entry->size_bytes : 0;
+    // A directory's own size says nothing of what a copy adds; without this
+    // repeated directory copies would grow a tenant past any quota.
+    if (source.entry && source.entry->is_directory) {
+        const StorageResult tree = backend_->list(tenant, from, true, "", INT32_MAX, 0);
+        for (const FileEntry& entry : tree.entries)
+            added += entry.size_bytes;
+    }
+    if (auto refused = refuseQuota(tenant, added)) return *refused;
+    StorageResult result = backend_->copy(tenant, from, to);
+    if (result.success) notifySubscribers(tenant, sanitizePath(to), "copy");
+    return result;
+}
+
+std::string StorageService::subscribe(const std::string& tenant, const std::string& path_prefix,
+                                      ChangeCallback callback) {
+    std::lock_guard lock(subscriptions_mutex_);
+    std::string id;
+    do {
+        id = "sub-" + vostra::randomHex(kSubscriptionIdDigits);
+    } while (subscriptions_.contains(id));
+    subscriptions_.emplace(id, Subscription{tenant, path_prefix, std::move(callback)});
+    return id;
+}
+
+void StorageService::unsubscribe(const std::string& id) {
+    std::lock_guard lock(subscriptions_mutex_);
+    subscriptions_.erase(id);
+}
+
+void StorageService::notifySubscribers(const std::string& tenant, const std::string& path,
+                                       const std::string& operation) {
+    std::lock_guard lock(subscriptions_mutex_);
+    for (const auto& [id, subscription] : subscriptions_) {
+        if (subscription.tenant != tenant) continue;
+        const std::string& prefix = subscription.prefix;
+        // A plain text prefix on purpose: "docs" also sees "docs2/b".
+        if (!prefix.empty() && prefix != "/" && !path.starts_with(prefix)) continue;
+        try {
+            subscription.callback(tenant, path, operation);
+        } catch (...) {
+            // One failing subscriber must not cost the others their event.
+        }
+    }
+}
+
+nlohmann::json StorageService::getMetrics() const {
+    std::size_t tenant_count = 0;
+    std::size_t subscription_count = 0;
+    {
+        std::lock_guard lock(tenants_mutex_);
+        tenant_count = tenants_.size();
+    }
+    {
+        std::lock_guard lock(subscriptions_mutex_);
+        subscription_count = subscriptions_.size();
+    }
+    return {{"total_writes", total_writes_.load()},
+            {"total_reads", total_reads_.load()},
+            {"total_deletes", total_deletes_.load()},
+            {"bytes_written", bytes_written_.load()},
+            {"bytes_read", bytes_read_.load()},
+            {"backend", storageBackendName(config_.backend_type)},
+            {"tenant_count", tenant_count},
+            {"subscription_count", subscription_count}};
+}
+
+bool StorageService::insertTenant(const TenantConfig& tenant) {
+    if (!tenantIdProblem(tenant.id).empty()) return false;
+    std::lock_guard lock(tenants_mutex_);
+    return tenants_.emplace(tenant.id, tenant).second;
+}
+
+bool StorageService::createTenant(const TenantConfig& tenant) {
+    if (!insertTenant(tenant)) return false;
+    if (backend_ && !backend_->createTenantDirectory(tenant.id))
+        kLog.error("Cannot create the directory of tenant: ", tenant.id);
+    saveTenantsToMetadata();
+    kLog.info("Created tenant: ", tenant.id);
+    return true;
+}
+
+bool StorageService::updateTenant(const TenantConfig& tenant) {
+    {
+        std::lock_guard lock(tenants_mutex_);
+        auto it = tenants_.find(tenant.id);
+        if (it == tenants_.end()) return false;
+        it->second = tenant;
+    }
+    saveTenantsToMetadata();
+    return true;
+}
+
+bool StorageService::deleteTenant(const std::string& id, bool force) {
+    {
+        std::lock_guard lock(tenants_mutex_);
+        if (tenants_.erase(id) == 0) return false;
+    }
+    if (force && backend_) backend_->deleteTenantDirectory(id);
+    saveTenantsToMetadata();
+    kLog.info("Deleted tenant: ", id);
+    return true;
+}
+
+std::optional<TenantConfig> StorageService::getTenant(const std::string& id) const {
+    std::lock_guard lock(tenants_mutex_);
+    auto it = tenants_.find(id);
+    if (it == tenants_.end()) return std::nullopt;
+    return it->second;
+}
+
+std::vector<TenantConfig> StorageService::listTenants() const {
+    std::lock_guard lock(tenants_mutex_);
+    std::vector<TenantConfig> all;
+    all.reserve(tenants_.size());
+    for (const auto& [id, tenant] : tenants_)
+        all.push_back(tenant);
+    return all;
+}
+
+std::string StorageService::tenantsFile() const {
+    // Only the filesystem backend has a base path of its own; the memory
+    // backend forgets its tenants with its files.
+    if (config_.backend_type != StorageBackendType::Filesystem || !backend_) return {};
+    return config_.base_path + kTenantsFile;
+}
+
+void StorageService::saveTenantsToMetadata() {
+    const std::string file = tenantsFile();
+    if (file.empty()) return;
+    // Serialised and snapshot inside the lock, so the last file written always
+    // holds the latest table.
+    std::lock_guard persist(persist_mutex_);
+    nlohmann::json table = nlohmann::json::array();
+    for (const TenantConfig& tenant : listTenants()) {
+        nlohmann::json object = tenant.toJson();
+        // Read back, the rounded-down GiB figure would win over the exact
+        // byte quota: a 1000-byte quota would come back as 0.
+        object.erase("storage_quota_gb");
+        table.push_back(std::move(object));
+    }
+
+    // Written beside and renamed over: a crash mid-write must not lose the table.
+    const std::string temporary = file + ".tmp";
+    {
+        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+        out << table.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+        if (!out) {
+            kLog.error("Error saving tenants: cannot write ", temporary);
+            return;
+        }
+    }
+    std::error_code error;
+    std::filesystem::rename(temporary, file, error);
+    if (error) kLog.error("Error saving tenants: ", error.message());
+}
+
+void StorageService::loadTenantsFromDisk() {
+    const std::string file = tenantsFile();
+    if (file.empty()) return;
+    std::ifstream in(file, std::ios::binary);
+    if (!in) return;  // nothing saved yet
+    std::stringstream text;
+    text << in.rdbuf();
+    const nlohmann::json table = nlohmann::json::parse(text.str(), nullptr, false);
+    if (!table.is_array()) {
+        kLog.error("Error loading tenants: ", file, " is not a JSON array of tenants");
+        return;
+    }
+    for (const nlohmann::json& item : table) {
+        try {
+            const TenantConfig tenant = TenantConfig::fromJson(item);
+            if (const std::string problem = tenantIdProblem(tenant.id); !problem.empty()) {
+                kLog.error("Error loading tenants: ", problem);
+                continue;
+            }
+            // The tenant already in the table (the configured default) wins.
+            if (insertTenant(tenant) && backend_) backend_->createTenantDirectory(tenant.id);
+        } catch (const nlohmann::json::exception& error) {
+            kLog.error("Error loading tenants: ", error.what());
+        }
+    }
+}
+
+StorageResult StorageService::storeJson(const std::string& tenant, const std::string& path,
+                                        const nlohmann::json& document) {
+    StorageWriteRequest request;
+    request.tenant_id = tenant;
+    request.path = path;
+    request.data = document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+    request.content_type = kJsonType;
+    return write(request);
+}
+
+StorageResult StorageService::storeSwarmGoal(const std::string& tenant, const std::string& swarm_id,
+                                             const nlohmann::json& goal) {
+    return storeJson(tenant, swarmPath(swarm_id, "goal.json"), goal);
+}
+
+StorageResult StorageService::storeSwarmPlan(const std::string& tenant, const std::string& swarm_id,
+                                             const nlohmann::json& plan) {
+    return storeJson(tenant, swarmPath(swarm_id, "plan.json"), plan);
+}
+
+StorageResult StorageService::storeSwarmResult(const std::string& tenant,
+                                               const std::string& swarm_id,
+                                               const nlohmann::json& result) {
+    return storeJson(tenant, swarmPath(swarm_id, "result.json"), result);
+}
+
+StorageResult StorageService::getSwarmResult(const std::string& tenant,
+                                             const std::string& swarm_id) {
+    StorageReadRequest request;
+    request.tenant_id = tenant;
+    request.path = swarmPath(swarm_id, "result.json");
+    return read(request);
+}
+
+StorageResult StorageService::storeTaskOutput(const std::string& tenant,
+                                              const std::string& swarm_id,
+                                              const std::string& task_id,
+                                              const nlohmann::json& output) {
+    return storeJson(tenant, swarmPath(swarm_id, "tasks/" + task_id + ".json"), output);
+}
+
+StorageResult StorageService::storeArtifact(const std::string& tenant, const std::string& swarm_id,
+                                            const std::string& name, const std::string& data,
+                                            const std::string& content_type) {
+    StorageWriteRequest request;
+    request.tenant_id = tenant;
+    request.path = swarmPath(swarm_id, "artifacts/" + name);
+    request.data = data;
+    request.content_type = content_type;
+    return write(request);
+}
+
+StorageResult StorageService::listSwarms(const std::string& tenant) {
+    StorageListRequest request;
+    request.tenant_id = tenant;
+    request.path = "swarms";
+    return list(request);
+}
+
+StorageResult StorageService::deleteSwarm(const std::string& tenant, const std::string& swarm_id) {
+    return remove(tenant, "swarms/" + swarm_id, true);
+}
+
+}  // namespace vostra::data

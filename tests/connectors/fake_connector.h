@@ -1,0 +1,67 @@
+// A connector without a database, for exercising the pool. All instances
+// share one FakeBackend whose atomic switches make connects or validations
+// fail and whose counters show how many connectors exist.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include "connectors/connection_pool.h"
+
+namespace vostra::data::test {
+
+struct FakeBackend {
+    std::atomic<bool> refuse_connect{false};
+    std::atomic<bool> fail_validation{false};
+    std::atomic<int> connect_delay_us{0};  // widens races around opening
+    std::atomic<int> next_serial{1};
+    std::atomic<int> alive{0};
+    std::atomic<int> max_alive{0};
+};
+
+class FakeConnector : public DataConnector {
+public:
+    explicit FakeConnector(std::shared_ptr<FakeBackend> backend)
+        : backend_(std::move(backend)), serial_(backend_->next_serial++) {
+        const int now = ++backend_->alive;
+        int seen = backend_->max_alive;
+        while (now > seen && !backend_->max_alive.compare_exchange_weak(seen, now)) {
+        }
+    }
+    ~FakeConnector() override { --backend_->alive; }
+    int serial() const { return serial_; }  // 1, 2, … in order of creation
+
+    ConnectorType getType() const override { return ConnectorType::SQLite; }
+    std::string getName() const override { return "Fake"; }
+    bool connect(const DataSourceConfig&) override {
+        std::this_thread::sleep_for(std::chrono::microseconds(backend_->connect_delay_us));
+        connected_ = !backend_->refuse_connect;
+        if (!connected_) last_error_ = "refused by test";
+        return connected_;
+    }
+    void disconnect() override { connected_ = false; }
+    bool isConnected() const override { return connected_; }
+    bool validate() override { return !backend_->fail_validation; }
+    QueryResult query(const std::string&, const std::vector<std::string>&) override { return {}; }
+    QueryResult execute(const std::string&, const std::vector<std::string>&) override { return {}; }
+    SchemaInfo getSchema() override { return {}; }
+    std::vector<std::string> getTables() override { return {}; }
+    std::vector<ColumnInfo> getColumns(const std::string&) override { return {}; }
+    std::string escape(const std::string& text) override { return text; }
+    bool beginTransaction() override { return false; }
+    bool commit() override { return false; }
+    bool rollback() override { return false; }
+
+private:
+    std::shared_ptr<FakeBackend> backend_;
+    int serial_;
+    bool connected_ = false;
+};
+
+inline int serialOf(const std::unique_ptr<DataConnector>& connector) {
+    return static_cast<const FakeConnector&>(*connector).serial();
+}
+
+}  // namespace vostra::data::test

@@ -1,0 +1,206 @@
+// The PostgreSQL and MySQL connectors against the private servers of the
+// test run, at the connector level and through the daemon's data API.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "connectors/data_source_config.h"
+#include "connectors/mysql_connector.h"
+#include "connectors/postgresql_connector.h"
+#include "tests/support/daemon_process.h"
+#include "tests/support/http_test_client.h"
+#include "tests/support/test_servers.h"
+
+namespace vostra::test {
+namespace {
+
+using data::DataSourceConfig;
+using nlohmann::json;
+
+// Names unique to this process, so parallel test processes never collide.
+std::string unique(const std::string& stem) { return stem + "_" + std::to_string(getpid()); }
+
+template <typename Connector>
+class ConnectedTest : public ::testing::Test {
+protected:
+    virtual TestServer server() const = 0;
+    void SetUp() override {
+        TestServer s = server();
+        if (!s.available) GTEST_SKIP() << "no " << s.type << " test server";
+        config_ = DataSourceConfig::fromJson(s.sourceConfig("t"));
+        ASSERT_TRUE(db_.connect(config_)) << db_.getLastError();
+    }
+    data::QueryResult run(const std::string& sql, const std::vector<std::string>& params = {}) {
+        data::QueryResult result = db_.execute(sql, params);
+        EXPECT_TRUE(result.success) << sql << ": " << result.error;
+        return result;
+    }
+    DataSourceConfig config_;
+    Connector db_;
+};
+
+class PostgresTest : public ConnectedTest<data::PostgreSQLConnector> {
+    TestServer server() const override { return postgresServer(); }
+};
+class MariadbTest : public ConnectedTest<data::MySQLConnector> {
+    TestServer server() const override { return mariadbServer(); }
+};
+
+TEST_F(PostgresTest, DescribesColumnsKeysAndDefaultsInAnotherSchema) {
+    const std::string schema = unique("sch");
+    run("CREATE SCHEMA " + schema + "; CREATE TABLE " + schema +
+        ".items (id SERIAL PRIMARY KEY, name TEXT NOT NULL DEFAULT 'x', note VARCHAR(20))");
+
+    DataSourceConfig scoped = config_;
+    scoped.schema = schema;
+    data::PostgreSQLConnector db;
+    ASSERT_TRUE(db.connect(scoped)) << db.getLastError();
+    EXPECT_EQ(db.getTables(), std::vector<std::string>{"items"});
+    auto columns = db.getColumns("items");
+    ASSERT_EQ(columns.size(), 3u);
+    EXPECT_EQ(columns[0].name, "id");
+    EXPECT_TRUE(columns[0].primary_key);
+    EXPECT_FALSE(columns[1].nullable);
+    EXPECT_EQ(columns[1].default_value, "'x'::text");
+    EXPECT_TRUE(columns[2].nullable);
+    EXPECT_EQ(columns[2].type, "character varying");
+    // search_path was set, so unqualified names resolve in the schema.
+    EXPECT_TRUE(db.query("SELECT COUNT(*) FROM items", {}).success);
+
+    auto public_tables = db_.getTables();
+    EXPECT_EQ(std::count(public_tables.begin(), public_tables.end(), "items"), 0);
+    run("DROP SCHEMA " + schema + " CASCADE");
+}
+
+TEST_F(PostgresTest, CountsAffectedRowsAndRunsSeveralStatementsWithoutParameters) {
+    const std::string table = unique("counts");
+    run("CREATE TABLE " + table + " (id INT, v TEXT); INSERT INTO " + table +
+        " VALUES (1,'a'),(2,'a'),(3,'a'),(4,'b')");
+    EXPECT_EQ(run("UPDATE " + table + " SET v = 'c' WHERE v = $1", {"a"}).affected_rows, 3);
+    auto selected = run("SELECT * FROM " + table + " WHERE v = $1", {"c"});
+    EXPECT_EQ(selected.rows.size(), 3u);
+    EXPECT_EQ(selected.affected_rows, 0);
+    EXPECT_EQ(selected.last_insert_id, 0);
+
+    auto refused = db_.execute("SELECT 1; SELECT 2", {"x"});
+    EXPECT_FALSE(refused.success);
+    run("DROP TABLE " + table);
+}
+
+TEST_F(PostgresTest, RoundTripsUnicodeAndNulls) {
+    const std::string table = unique("texts");
+    run("CREATE TABLE " + table + " (t TEXT, n TEXT)");
+    const std::string text = "Grüße, 東京, emoji 🚀, quote ' and backslash \\";
+    run("INSERT INTO " + table + " VALUES ($1, NULL)", {text});
+    auto back = run("SELECT t, n FROM " + table);
+    ASSERT_EQ(back.rows.size(), 1u);
+    EXPECT_EQ(back.rows[0]["t"], text);
+    EXPECT_EQ(back.rows[0]["n"], "");
+    EXPECT_EQ(db_.escape("O'Brien"), "'O''Brien'");
+    run("DROP TABLE " + table);
+}
+
+TEST_F(MariadbTest, SplicesEscapedParametersAndDropsSurplusOnes) {
+    const std::string table = unique("people");
+    run("CREATE TABLE " + table + " (a VARCHAR(20), b VARCHAR(20))");
+    run("INSERT INTO " + table + " VALUES (?, ?)", {"x", "O'Brien"});
+    run("INSERT INTO " + table + " VALUES (?, ?)", {"y", "what?"});
+
+    auto found = run("SELECT * FROM " + table + " WHERE a = ? AND b = ?", {"x", "O'Brien", "extra"});
+    ASSERT_EQ(found.rows.size(), 1u);
+    EXPECT_EQ(found.rows[0]["b"], "O'Brien");
+    // A "?" inside a value is never taken for a placeholder.
+    auto question = run("SELECT b FROM " + table + " WHERE a = ? AND b = ?", {"y", "what?"});
+    ASSERT_EQ(question.rows.size(), 1u);
+    EXPECT_EQ(data::MySQLConnector::spliceParameters("SELECT ? , ?", {"x", "O'Brien", "z"},
+                                                     [&](const std::string& v) { return db_.escape(v); }),
+              "SELECT 'x' , 'O\\'Brien'");
+    run("DROP TABLE " + table);
+}
+
+TEST_F(MariadbTest, ReportsAutoIncrementKeysAndDescribesColumns) {
+    const std::string table = unique("auto");
+    run("CREATE TABLE " + table +
+        " (id INT AUTO_INCREMENT PRIMARY KEY, name VARCHAR(10) NOT NULL DEFAULT 'n', t TEXT)");
+    EXPECT_EQ(run("INSERT INTO " + table + " (t) VALUES (?)", {"a"}).last_insert_id, 1);
+    auto second = run("INSERT INTO " + table + " (t) VALUES (?)", {"b"});
+    EXPECT_EQ(second.last_insert_id, 2);
+    EXPECT_EQ(second.affected_rows, 1);
+
+    auto columns = db_.getColumns(table);
+    ASSERT_EQ(columns.size(), 3u);
+    EXPECT_TRUE(columns[0].primary_key);
+    EXPECT_EQ(columns[0].ordinal_position, 1);
+    EXPECT_FALSE(columns[1].nullable);
+    EXPECT_EQ(columns[1].default_value, "n");
+    auto tables = db_.getTables();
+    EXPECT_NE(std::find(tables.begin(), tables.end(), table), tables.end());
+    run("DROP TABLE " + table);
+}
+
+TEST_F(MariadbTest, RoundTripsUnicodeAndEmbeddedZeroBytes) {
+    const std::string table = unique("texts");
+    run("CREATE TABLE " + table + " (t TEXT, b VARBINARY(10)) CHARACTER SET utf8mb4");
+    const std::string text = "Grüße, 東京, emoji 🚀, back\\slash";
+    run("INSERT INTO " + table + " VALUES (?, CONCAT('a', CHAR(0), 'b'))", {text});
+    auto back = run("SELECT t, b FROM " + table);
+    ASSERT_EQ(back.rows.size(), 1u);
+    EXPECT_EQ(back.rows[0]["t"], text);
+    EXPECT_EQ(back.rows[0]["b"], std::string("a\0b", 3));
+    run("DROP TABLE " + table);
+}
+
+// The same servers through the daemon's HTTP data API.
+class SqlServersApiTest : public ::testing::TestWithParam<TestServer (*)()> {
+protected:
+    void SetUp() override {
+        server_ = GetParam()();
+        if (!server_.available) GTEST_SKIP() << "no test server";
+        daemon_ = std::make_unique<DaemonProcess>();
+        ASSERT_TRUE(daemon_->ready());
+        json config = server_.sourceConfig("db");
+        config["access_mode"] = "readwrite";
+        ASSERT_EQ(request(daemon_->port(), "POST", "/api/v1/data/sources", config.dump()).status, 201);
+    }
+    HttpResponse call(const std::string& route, const std::string& sql,
+                      const std::vector<std::string>& params = {}) {
+        json body = {{"source_id", "db"}, {"sql", sql}, {"params", params}};
+        return request(daemon_->port(), "POST", "/api/v1/data/" + route, body.dump());
+    }
+    std::string placeholder(int n) const {
+        return server_.type == "postgresql" ? "$" + std::to_string(n) : "?";
+    }
+    TestServer server_;
+    std::unique_ptr<DaemonProcess> daemon_;
+};
+
+TEST_P(SqlServersApiTest, ServesTablesSchemaQueriesAndStatements) {
+    const std::string table = unique("api_" + server_.type);
+    ASSERT_EQ(call("execute", "CREATE TABLE " + table + " (id INT PRIMARY KEY, name VARCHAR(40))").status,
+              200);
+    auto inserted = call("execute", "INSERT INTO " + table + " VALUES (1, " + placeholder(1) + "), (2, 'b')",
+                         {"ünïcödé"});
+    EXPECT_EQ(inserted.status, 200) << inserted.body;
+    EXPECT_EQ(inserted.json()["affected_rows"], 2);
+
+    auto selected = call("query", "SELECT name FROM " + table + " WHERE id = " + placeholder(1), {"1"});
+    EXPECT_EQ(selected.json()["rows"], json::parse(R"([{"name":"ünïcödé"}])"));
+
+    auto tables = request(daemon_->port(), "GET", "/api/v1/data/sources/db/tables").json();
+    EXPECT_NE(std::find(tables.begin(), tables.end(), table), tables.end());
+    auto schema = request(daemon_->port(), "GET", "/api/v1/data/sources/db/schema").json();
+    EXPECT_FALSE(schema["tables"].empty());
+
+    auto broken = call("query", "SELECT * FROM no_such_table_here");
+    EXPECT_EQ(broken.status, 500);
+    EXPECT_FALSE(broken.json()["error"].get<std::string>().empty());
+    EXPECT_EQ(call("execute", "DROP TABLE " + table).status, 200);
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, SqlServersApiTest, ::testing::Values(&postgresServer, &mariadbServer),
+                         [](const auto& info) {
+                             return info.param == &postgresServer ? std::string("PostgreSQL")
+                                                                  : std::string("MariaDB");
+                         });
+
+}  // namespace
+}  // namespace vostra::test

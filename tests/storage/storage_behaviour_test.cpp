@@ -1,0 +1,282 @@
+// What callers of StorageService can rely on, whichever backend holds the
+// files: one suite, run over the filesystem and the memory backend.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "storage/storage_service.h"
+#include "tests/support/daemon_process.h"
+
+namespace vostra::data {
+namespace {
+
+class StorageBehaviour : public ::testing::TestWithParam<StorageBackendType> {
+protected:
+    void SetUp() override {
+        dir_ = test::makeTempDir("vostra-storage");
+        StorageServiceConfig config;
+        config.backend_type = GetParam();
+        config.base_path = dir_ + "/storage";
+        ASSERT_TRUE(service_.initialize(config));
+        ASSERT_TRUE(addTenant("acme", 1 << 20));
+    }
+    void TearDown() override {
+        service_.shutdown();
+        test::removeTree(dir_);
+    }
+    bool addTenant(const std::string& id, int64_t quota, bool enabled = true, bool api = true) {
+        TenantConfig tenant;
+        tenant.id = id;
+        tenant.storage_quota_bytes = quota;
+        tenant.enabled = enabled;
+        tenant.api_access = api;
+        return service_.createTenant(tenant);
+    }
+    StorageResult put(const std::string& path, const std::string& data,
+                      const std::string& tenant = "acme") {
+        StorageWriteRequest request;
+        request.tenant_id = tenant;
+        request.path = path;
+        request.data = data;
+        return service_.write(request);
+    }
+    StorageResult get(const std::string& path, int64_t offset = 0, int64_t length = -1,
+                      const std::string& tenant = "acme") {
+        return service_.read({tenant, path, false, offset, length});
+    }
+    std::vector<std::string> names(const std::string& path, bool recursive = false,
+                                   const std::string& pattern = "") {
+        StorageListRequest request;
+        request.tenant_id = "acme";
+        request.path = path;
+        request.recursive = recursive;
+        request.pattern = pattern;
+        std::vector<std::string> out;
+        for (const FileEntry& e : service_.list(request).entries)
+            out.push_back(e.path);
+        return out;
+    }
+    bool memory() const { return GetParam() == StorageBackendType::Memory; }
+
+    std::string dir_;
+    StorageService service_;
+};
+
+TEST_P(StorageBehaviour, WrittenFilesReadBackWithTheirEntry) {
+    StorageWriteRequest request{"acme", "docs/a.json", "{\"n\":1}", "", true, true, {{"k", "v"}}};
+    const StorageResult written = service_.write(request);
+    ASSERT_TRUE(written.success) << written.error;
+    EXPECT_EQ(written.bytes_written, 7);
+
+    const StorageResult read = get("/docs/a.json");
+    ASSERT_TRUE(read.success);
+    EXPECT_EQ(read.data, "{\"n\":1}");
+    ASSERT_TRUE(read.entry);
+    EXPECT_EQ(read.entry->path, "docs/a.json");
+    EXPECT_EQ(read.entry->name, "a.json");
+    EXPECT_EQ(read.entry->content_type, "application/json");
+    EXPECT_EQ(read.entry->checksum, written.entry->checksum);
+    EXPECT_EQ(read.entry->metadata.at("k"), "v");
+}
+
+TEST_P(StorageBehaviour, DotComponentsAreDroppedNotResolved) {
+    ASSERT_TRUE(put("/a/b.txt", "one").success);
+    for (const char* same : {"a/b.txt", "a/./b.txt", "a/../b.txt", "../a/b.txt"})
+        EXPECT_EQ(get(same).data, "one") << same;
+    EXPECT_FALSE(get("a/../a/b.txt").success);
+    ASSERT_TRUE(put("a/../a/b.txt", "two").success);
+    EXPECT_EQ(get("a/a/b.txt").data, "two");
+    EXPECT_EQ(get("a/b.txt").data, "one");
+}
+
+TEST_P(StorageBehaviour, ReadsSliceByOffsetAndLength) {
+    ASSERT_TRUE(put("twelve.bin", "0123456789ab").success);
+    EXPECT_EQ(get("twelve.bin", 10, 5).data, "ab");
+    EXPECT_EQ(get("twelve.bin", 10, 5).bytes_read, 2);
+    EXPECT_EQ(get("twelve.bin", 2, 3).data, "234");
+    const StorageResult past = get("twelve.bin", 50, -1);
+    EXPECT_TRUE(past.success);
+    EXPECT_EQ(past.data, "");
+}
+
+TEST_P(StorageBehaviour, QuotaAllowsAnExactFitAndNotOneByteMore) {
+    ASSERT_TRUE(addTenant("fits", 64));
+    ASSERT_TRUE(addTenant("over", 64));
+    EXPECT_TRUE(put("a.txt", std::string(64, 'x'), "fits").success);
+    const StorageResult refused = put("a.txt", std::string(65, 'x'), "over");
+    EXPECT_EQ(refused.error, "Storage quota exceeded for tenant: over");
+    EXPECT_FALSE(service_.stat("over", "a.txt").success);
+    EXPECT_FALSE(put("more.txt", "y", "fits").success);
+    EXPECT_TRUE(service_.checkQuota("over", 64));
+    EXPECT_FALSE(service_.checkQuota("over", 65));
+}
+
+TEST_P(StorageBehaviour, CopiesCountAgainstTheQuotaDirectoriesIncluded) {
+    ASSERT_TRUE(addTenant("small", 1100));
+    ASSERT_TRUE(put("d/one.txt", std::string(400, 'x'), "small").success);
+    ASSERT_TRUE(service_.copy("small", "d/one.txt", "two.txt").success);
+    const StorageResult refused = service_.copy("small", "d", "e");
+    EXPECT_EQ(refused.error, "Storage quota exceeded for tenant: small");
+}
+
+TEST_P(StorageBehaviour, DisabledAndApiLessTenantsLookUnknown) {
+    ASSERT_TRUE(addTenant("off", 1 << 20, false, true));
+    ASSERT_TRUE(addTenant("noapi", 1 << 20, true, false));
+    for (const char* tenant : {"off", "noapi", "nobody", ".."}) {
+        EXPECT_EQ(put("a.txt", "x", tenant).error,
+                  std::string("Tenant not found or access denied: ") + tenant);
+        EXPECT_EQ(service_.stat(tenant, "").error,
+                  std::string("Tenant not found or access denied: ") + tenant);
+    }
+    EXPECT_EQ(service_.getTenantUsage("off").file_count, 0);
+}
+
+TEST_P(StorageBehaviour, ListingsOrderFilterAndSlice) {
+    for (const char* path : {"l/b.json", "l/a.json", "l/a.json.bak", "l/Z/deep.json", "l/m/x"})
+        ASSERT_TRUE(put(path, "x").success);
+    EXPECT_EQ(names("l"),
+              (std::vector<std::string>{"l/Z", "l/m", "l/a.json", "l/a.json.bak", "l/b.json"}));
+    EXPECT_EQ(names("/l/"), names("l"));
+    EXPECT_EQ(names("l", false, "*.json"), (std::vector<std::string>{"l/a.json", "l/b.json"}));
+    EXPECT_EQ(names("l", true, "*.json"),
+              (std::vector<std::string>{"l/a.json", "l/b.json", "l/Z/deep.json"}));
+
+    StorageListRequest beyond{"acme", "l", false, "", 10, 50};
+    const StorageResult empty = service_.list(beyond);
+    EXPECT_TRUE(empty.success);
+    EXPECT_TRUE(empty.entries.empty());
+    EXPECT_EQ(service_.list(StorageListRequest{"acme", "nowhere", false, "", 10, 0}).error,
+              "Path not found: nowhere");
+    const auto root = names("");
+    EXPECT_NE(std::find(root.begin(), root.end(), "l"), root.end());
+    EXPECT_EQ(std::find(root.begin(), root.end(), "l/b.json"), root.end());
+}
+
+TEST_P(StorageBehaviour, RemovingADirectoryNeedsTheRecursiveFlag) {
+    ASSERT_TRUE(put("tree/a/b.txt", "x").success);
+    EXPECT_EQ(service_.remove("acme", "tree", false).error, "Directory not empty: tree");
+    EXPECT_TRUE(get("tree/a/b.txt").success);
+    EXPECT_TRUE(service_.remove("acme", "tree", true).success);
+    EXPECT_FALSE(service_.stat("acme", "tree/a/b.txt").success);
+    EXPECT_EQ(service_.remove("acme", "tree", true).error, "Path not found: tree");
+    ASSERT_TRUE(service_.mkdir("acme", "empty/dir").success);
+    EXPECT_TRUE(service_.remove("acme", "empty/dir", false).success);
+}
+
+TEST_P(StorageBehaviour, MovesAndCopiesCarryContentAndMetadata) {
+    StorageWriteRequest request{"acme", "src/f.txt", "body", "text/x", true, true, {{"k", "v"}}};
+    ASSERT_TRUE(service_.write(request).success);
+    ASSERT_TRUE(service_.copy("acme", "src", "dup").success);
+    ASSERT_TRUE(service_.move("acme", "src/f.txt", "moved/g.txt").success);
+    EXPECT_FALSE(get("src/f.txt").success);
+    for (const char* path : {"dup/f.txt", "moved/g.txt"}) {
+        const StorageResult read = get(path);
+        EXPECT_EQ(read.data, "body") << path;
+        EXPECT_EQ(read.entry->content_type, "text/x") << path;
+        EXPECT_EQ(read.entry->metadata.at("k"), "v") << path;
+    }
+    const std::string missing = memory() ? "Source not found: " : "Source path not found: ";
+    EXPECT_EQ(service_.move("acme", "ghost", "x").error, missing + "ghost");
+    EXPECT_EQ(service_.copy("acme", "dup", "dup/inner").error,
+              "Cannot copy a directory into itself: dup");
+}
+
+TEST_P(StorageBehaviour, MkdirAndReadRefuseTheWrongKindOfEntry) {
+    ASSERT_TRUE(put("file", "x").success);
+    EXPECT_EQ(service_.mkdir("acme", "file").error, "Path exists and is not a directory: file");
+    EXPECT_FALSE(put("file/child", "x").success);
+    ASSERT_TRUE(service_.mkdir("acme", "dir").success);
+    EXPECT_TRUE(service_.mkdir("acme", "dir").success);
+    EXPECT_TRUE(service_.stat("acme", "dir").entry->is_directory);
+    EXPECT_EQ(get("dir").error, memory() ? "File not found: dir" : "Path is a directory: dir");
+    EXPECT_EQ(get("none").error, "File not found: none");
+    EXPECT_FALSE(put("dir", "x").success);
+}
+
+TEST_P(StorageBehaviour, SubscribersSeePlainPrefixesOfTheirTenant) {
+    ASSERT_TRUE(addTenant("other", 1 << 20));
+    std::vector<std::string> docs, all;
+    const std::string id = service_.subscribe(
+        "acme", "docs",
+        [&](auto&, const std::string& path, auto& op) { docs.push_back(op + " " + path); });
+    service_.subscribe("acme", "/",
+                       [&](auto&, const std::string& path, auto&) { all.push_back(path); });
+    service_.subscribe("acme", "",
+                       [](auto&, auto&, auto&) { throw std::runtime_error("ignored"); });
+    EXPECT_EQ(id.size(), 20u);
+    EXPECT_EQ(id.rfind("sub-", 0), 0u);
+
+    put("docs/a", "x");
+    put("docs2/b", "x");
+    put("/docs/c", "x", "other");
+    put("images/c", "x");
+    service_.remove("acme", "docs/a", false);
+    service_.mkdir("acme", "docs/d");
+    service_.unsubscribe(id);
+    put("docs/e", "x");
+    EXPECT_EQ(docs, (std::vector<std::string>{"write docs/a", "write docs2/b", "delete docs/a",
+                                              "mkdir docs/d"}));
+    EXPECT_EQ(all.size(), 6u);
+    EXPECT_EQ(service_.getMetrics()["subscription_count"], 2);
+}
+
+TEST_P(StorageBehaviour, MetricsCountSuccessfulCallsOnly) {
+    put("m.txt", "12345");
+    get("m.txt");
+    get("missing");
+    service_.remove("acme", "m.txt", false);
+    put("x", "y", "nobody");
+    const nlohmann::json metrics = service_.getMetrics();
+    EXPECT_EQ(metrics["total_writes"], 1);
+    EXPECT_EQ(metrics["bytes_written"], 5);
+    EXPECT_EQ(metrics["total_reads"], 1);
+    EXPECT_EQ(metrics["bytes_read"], 5);
+    EXPECT_EQ(metrics["total_deletes"], 1);
+    EXPECT_EQ(metrics["tenant_count"], 2);
+    EXPECT_EQ(metrics["backend"], memory() ? "memory" : "filesystem");
+}
+
+TEST_P(StorageBehaviour, SwarmDocumentsLiveUnderTheSwarmFolder) {
+    ASSERT_TRUE(service_.storeSwarmGoal("acme", "s1", {{"goal", "g"}}).success);
+    ASSERT_TRUE(service_.storeSwarmResult("acme", "s1", {{"ok", true}}).success);
+    ASSERT_TRUE(service_.storeTaskOutput("acme", "s1", "t1", {{"out", 1}}).success);
+    ASSERT_TRUE(service_.storeArtifact("acme", "s1", "report.txt", "text").success);
+    const StorageResult result = service_.getSwarmResult("acme", "s1");
+    EXPECT_EQ(nlohmann::json::parse(result.data)["ok"], true);
+    EXPECT_EQ(result.entry->content_type, "application/json");
+    EXPECT_TRUE(get("swarms/s1/tasks/t1.json").success);
+    EXPECT_EQ(get("swarms/s1/artifacts/report.txt").data, "text");
+    EXPECT_EQ(service_.listSwarms("acme").entries.at(0).name, "s1");
+    EXPECT_TRUE(service_.deleteSwarm("acme", "s1").success);
+    EXPECT_FALSE(get("swarms/s1/goal.json").success);
+}
+
+TEST_P(StorageBehaviour, ConcurrentWritersAndReadersSeeWholeFiles) {
+    std::vector<std::thread> threads;
+    std::atomic<int> torn{0};
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            const std::string body(512, static_cast<char>('a' + t));
+            for (int i = 0; i < 40; ++i) {
+                put("shared.txt", body);
+                const std::string seen = get("shared.txt").data;
+                if (seen.size() != 512 || seen.find_first_not_of(seen[0]) != std::string::npos)
+                    ++torn;
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(torn.load(), 0);
+    EXPECT_EQ(service_.getMetrics()["total_writes"], 160);
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, StorageBehaviour,
+                         ::testing::Values(StorageBackendType::Filesystem,
+                                           StorageBackendType::Memory),
+                         [](const auto& info) {
+                             return std::string(storageBackendName(info.param));
+                         });
+
+}  // namespace
+}  // namespace vostra::data
