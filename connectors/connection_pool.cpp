@@ -88,10 +88,12 @@ std::unique_ptr<DataConnector> ConnectionPool::acquire(int timeout_ms) {
                 may_open = false;
                 continue;
             }
+            ++waiters_;
             const bool ready = available_cv_.wait_until(lock, deadline, [&] {
                 return !running_ || !idle_.empty() ||
                        (may_open && total_connections_ + opening_ < max_connections);
             });
+            --waiters_;
             if (!ready) {
                 ++acquire_timeouts_;
                 kLog.error("Acquire timeout for ", config_.id);
@@ -134,8 +136,11 @@ void ConnectionPool::release(std::unique_ptr<DataConnector> connector) {
     ++total_released_;
     if (running_) {
         idle_.push_back(wrap(std::move(connector)));
+        // Signalling with nobody waiting still takes the condition's internal
+        // lock, which every return would then contend for under load.
+        const bool someone_waits = waiters_ > 0;
         lock.unlock();
-        available_cv_.notify_one();
+        if (someone_waits) available_cv_.notify_one();
         return;
     }
     lock.unlock();

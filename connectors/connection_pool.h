@@ -118,6 +118,7 @@ private:
     // Connections acquire() is opening outside the lock; they count against
     // max_connections so concurrent callers cannot overshoot it.
     int32_t opening_ = 0;
+    int32_t waiters_ = 0;  // acquire() calls asleep on available_cv_
 
     std::atomic<int32_t> total_connections_{0};
     std::atomic<int32_t> active_connections_{0};

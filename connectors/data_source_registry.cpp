@@ -68,18 +68,21 @@ ExecuteRequest ExecuteRequest::fromJson(const nlohmann::json& json) {
 }
 
 void SourceMetrics::recordUse(const std::string* error) {
-    std::lock_guard lock(mutex_);
-    last_used_ = std::chrono::system_clock::now();
-    if (error) last_error_ = *error;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    last_used_ns_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+    if (error) {
+        std::lock_guard lock(error_mutex_);
+        last_error_ = *error;
+    }
 }
 
 std::chrono::system_clock::time_point SourceMetrics::lastUsed() const {
-    std::lock_guard lock(mutex_);
-    return last_used_;
+    return std::chrono::system_clock::time_point(std::chrono::duration_cast<
+        std::chrono::system_clock::duration>(std::chrono::nanoseconds(last_used_ns_.load())));
 }
 
 std::string SourceMetrics::lastError() const {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(error_mutex_);
     return last_error_;
 }
 
@@ -101,7 +104,8 @@ bool DataSourceRegistry::addDataSource(const DataSourceConfig& config) {
         kLog.error("Failed to initialize pool for: ", config.id);
         return false;
     }
-    sources_[config.id] = Source{config, std::move(pool), std::make_shared<SourceMetrics>()};
+    sources_[config.id] = Source{std::make_shared<const DataSourceConfig>(config), std::move(pool),
+                                 std::make_shared<SourceMetrics>()};
     dormant_.erase(config.id);
     save();
     kLog.info("Added data source: ", config.id, " (", connectorTypeName(config.type), ")");
@@ -125,8 +129,8 @@ bool DataSourceRegistry::removeDataSource(const std::string& id) {
 
 DataSourceStatusInfo DataSourceRegistry::statusOf(const Source& source) {
     DataSourceStatusInfo info;
-    info.id = source.config.id;
-    info.name = source.config.name;
+    info.id = source.config->id;
+    info.name = source.config->name;
     if (source.pool) {
         PoolStats stats = source.pool->getStats();
         info.pool_size = static_cast<int32_t>(stats.total);
@@ -159,7 +163,7 @@ DataSourceStatusInfo DataSourceRegistry::getDataSourceStatus(const std::string& 
 std::vector<DataSourceStatusInfo> DataSourceRegistry::listDataSources() const {
     std::vector<Source> snapshot;
     {
-        std::lock_guard lock(mutex_);
+        std::shared_lock lock(mutex_);
         snapshot.reserve(sources_.size());
         for (const auto& entry : sources_)
             snapshot.push_back(entry.second);
@@ -172,17 +176,17 @@ std::vector<DataSourceStatusInfo> DataSourceRegistry::listDataSources() const {
 }
 
 bool DataSourceRegistry::hasDataSource(const std::string& id) const {
-    std::lock_guard lock(mutex_);
+    std::shared_lock lock(mutex_);
     return sources_.count(id) > 0;
 }
 
 std::size_t DataSourceRegistry::size() const {
-    std::lock_guard lock(mutex_);
+    std::shared_lock lock(mutex_);
     return sources_.size();
 }
 
 std::size_t DataSourceRegistry::healthyCount() const {
-    std::lock_guard lock(mutex_);
+    std::shared_lock lock(mutex_);
     std::size_t healthy = 0;
     for (const auto& entry : sources_)
         if (entry.second.pool && entry.second.pool->isHealthy()) ++healthy;
@@ -212,7 +216,7 @@ SchemaInfo DataSourceRegistry::getSchema(const std::string& id) {
 }
 
 bool DataSourceRegistry::find(const std::string& id, Source& out) const {
-    std::lock_guard lock(mutex_);
+    std::shared_lock lock(mutex_);
     auto it = sources_.find(id);
     if (it == sources_.end()) return false;
     out = it->second;
@@ -266,7 +270,7 @@ QueryResult DataSourceRegistry::executeStatement(const ExecuteRequest& request) 
     Source source;
     if (!find(request.source_id, source))
         return failBeforeStatement("Data source not found: " + request.source_id, nullptr);
-    if (source.config.access_mode == AccessMode::ReadOnly)
+    if (source.config->access_mode == AccessMode::ReadOnly)
         return failBeforeStatement("Data source is read-only", source.metrics.get());
     if (!source.pool) return failBeforeStatement("Connection pool not found", source.metrics.get());
 
@@ -329,7 +333,7 @@ void DataSourceRegistry::save() const {
     if (state_file_.empty() || loading_) return;
     nlohmann::json all = nlohmann::json::array();
     for (const auto& entry : sources_)
-        all.push_back(entry.second.config.toJson());
+        all.push_back(entry.second.config->toJson());
     for (const auto& entry : dormant_)
         all.push_back(entry.second.toJson());
     if (!writeFileAtomically(state_file_, all.dump(2), 0600))

@@ -16,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <nlohmann/json_fwd.hpp>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -50,20 +51,22 @@ struct ExecuteRequest {
     static ExecuteRequest fromJson(const nlohmann::json& json);
 };
 
-// Per-source figures. The counters are atomics so that statements update
-// them without the registry lock; the two non-atomic fields have their own.
+// Per-source figures, updated by statements without the registry lock.
+// Everything a successful statement touches is atomic; only the text of a
+// failure needs a lock.
 struct SourceMetrics {
     std::atomic<uint64_t> queries{0};  // statements that succeeded
     std::atomic<uint64_t> errors{0};   // failed statements and failed borrows
     std::atomic<uint64_t> total_time_ms{0};
 
+    // Stamps the use; `error` (when given) becomes the last error.
     void recordUse(const std::string* error);
     std::chrono::system_clock::time_point lastUsed() const;
     std::string lastError() const;
 
 private:
-    mutable std::mutex mutex_;
-    std::chrono::system_clock::time_point last_used_{};
+    std::atomic<int64_t> last_used_ns_{0};  // since the Unix epoch; 0 = never
+    mutable std::mutex error_mutex_;
     std::string last_error_;
 };
 
@@ -122,7 +125,7 @@ public:
 
 private:
     struct Source {
-        DataSourceConfig config;
+        std::shared_ptr<const DataSourceConfig> config;
         std::shared_ptr<ConnectionPool> pool;
         std::shared_ptr<SourceMetrics> metrics;
     };
@@ -136,7 +139,8 @@ private:
     void save() const;
 
     const std::string state_file_;
-    mutable std::mutex mutex_;
+    // Shared for look-ups, which every statement makes; exclusive for changes.
+    mutable std::shared_mutex mutex_;
     std::map<std::string, Source> sources_;
     // Saved sources that failed to come back at load(); kept for the file.
     std::map<std::string, DataSourceConfig> dormant_;

@@ -113,7 +113,10 @@ void DataDaemon::handleTenantById(const HttpRequest& request) {
             else
                 sendError(fd, 404, "Tenant not found");
         } else if (sub_path == "/usage") {
-            sendJson(fd, 200, getTenantUsage(id).toJson());
+            if (const std::string problem = StorageService::tenantIdProblem(id); !problem.empty())
+                sendError(fd, 400, problem);
+            else
+                sendJson(fd, 200, getTenantUsage(id).toJson());
         } else {
             sendError(fd, 404, "Not found");
         }

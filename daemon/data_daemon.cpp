@@ -9,6 +9,8 @@
 #include "common/log.h"
 #include "connectors/agent_storage.h"
 #include "connectors/data_source_registry.h"
+#include "daemon/cluster_discovery.h"
+#include "daemon/controller_client.h"
 #include "daemon/identity.h"
 #include "storage/storage_service.h"
 
@@ -34,6 +36,7 @@ DataDaemon& DataDaemon::getInstance() {
 
 DataDaemon::DataDaemon()
     : registry_(std::make_unique<DataSourceRegistry>()),
+      discovery_(std::make_unique<discovery::ClusterDiscovery>()),
       agent_storage_(std::make_unique<AgentStorage>()) {}
 
 DataDaemon::~DataDaemon() = default;
@@ -69,6 +72,14 @@ bool DataDaemon::initialize(const DataDaemonConfig& config) {
         if (restored > 0) kLog.info("Restored ", restored, " data sources from ", config_.data_dir);
     }
     if (config_.agent_storage_enabled) initAgentStorage();
+
+    // The back-off before a re-registration ends early when the daemon stops.
+    controller_ = std::make_unique<ControllerClient>(
+        config_.controller_url, [this](int seconds) { return sleepWhileRunning(seconds * 1000LL); });
+    if (!config_.controller_url.empty()) {
+        discovery_->configure(config_.controller_url, config_.heartbeat_interval_ms);
+        kLog.info("Cluster discovery configured for: ", config_.controller_url);
+    }
     kLog.info("Initialized with ID: ", daemon_id_);
     initialized_ = true;
     return true;
@@ -84,6 +95,9 @@ bool DataDaemon::start() {
     running_.store(true);
     http_running_.store(true);
     start_time_ = std::chrono::steady_clock::now();
+
+    if (!config_.controller_url.empty() && config_.auto_register && !registerWithController())
+        kLog.error("Failed to register with controller");
 
     heartbeat_thread_ = std::thread(&DataDaemon::heartbeatLoop, this);
     metrics_thread_ = std::thread(&DataDaemon::metricsLoop, this);
@@ -111,6 +125,8 @@ void DataDaemon::stop() {
     // out, so the descriptor is never closed while that thread may still use it.
     const int fd = listen_fd_.load();
     if (fd >= 0) shutdown(fd, SHUT_RDWR);
+
+    deregisterFromController();
 
     joinIfJoinable(heartbeat_thread_);
     joinIfJoinable(metrics_thread_);
@@ -151,8 +167,11 @@ bool DataDaemon::sleepWhileRunning(int64_t ms) {
 void DataDaemon::heartbeatLoop() {
     while (running_.load()) {
         // A non-positive period would spin a core; one slice is the floor.
-        sleepWhileRunning(config_.heartbeat_interval_ms > 0 ? config_.heartbeat_interval_ms
-                                                            : kSliceMs);
+        if (!sleepWhileRunning(config_.heartbeat_interval_ms > 0 ? config_.heartbeat_interval_ms
+                                                                 : kSliceMs))
+            break;
+        if (!config_.controller_url.empty()) sendHeartbeat();
+        syncClusterResources();
     }
 }
 

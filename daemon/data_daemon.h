@@ -24,9 +24,14 @@
 #include "daemon/client_threads.h"
 #include "daemon/data_daemon_config.h"
 
+namespace vostra::discovery {
+class ClusterDiscovery;
+}
+
 namespace vostra::data {
 
 struct HttpRequest;
+class ControllerClient;
 struct DataSourceConfig;
 struct DataSourceStatusInfo;
 struct QueryRequest;
@@ -102,6 +107,14 @@ public:
     std::vector<TenantConfig> listTenants() const;
     TenantUsage getTenantUsage(const std::string& id) const;
 
+    // Controller protocol; each does nothing (false) without a controller URL.
+    bool registerWithController();
+    bool sendHeartbeat();
+    void deregisterFromController();
+    // Refreshes the cluster's resource lists (when discovery is configured)
+    // and may adopt an embedding provider found there.
+    void syncClusterResources();
+
     nlohmann::json getHealth() const;
     nlohmann::json getInfo() const;
     nlohmann::json getMetrics() const;
@@ -131,6 +144,10 @@ private:
     void handleInfo(const HttpRequest& request);
     void handleMetrics(const HttpRequest& request);
     void handleRootRedirect(const HttpRequest& request);
+    void handleClusterResources(const HttpRequest& request);
+    nlohmann::json capabilities() const;
+    nlohmann::json registrationBody() const;
+    nlohmann::json heartbeatBody() const;
     void handleSources(const HttpRequest& request);
     void handleSourceById(const HttpRequest& request);
     void handleQuery(const HttpRequest& request);
@@ -166,6 +183,8 @@ private:
     // Created empty so that handlers never meet a missing registry; its
     // state file is fixed at initialize().
     std::unique_ptr<DataSourceRegistry> registry_;
+    std::unique_ptr<ControllerClient> controller_;
+    std::unique_ptr<discovery::ClusterDiscovery> discovery_;
     std::unique_ptr<AgentStorage> agent_storage_;
     // Absent when storage is off or failed to start. Requests may still be
     // running when stop() destroys it: they use it under a shared lock.

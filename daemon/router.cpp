@@ -34,6 +34,7 @@ void DataDaemon::dispatch(const HttpRequest& request) {
         {Match::Exact, "/api/v1/tenants", &DataDaemon::handleTenants},
         {Match::Prefix, "/api/v1/tenants/", &DataDaemon::handleTenantById},
         {Match::Prefix, "/api/v1/storage/", &DataDaemon::handleStorage},
+        {Match::Exact, "/api/v1/data/cluster-resources", &DataDaemon::handleClusterResources},
         {Match::Exact, "/", &DataDaemon::handleRootRedirect},
     };
 

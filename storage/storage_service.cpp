@@ -107,7 +107,8 @@ std::optional<StorageResult> StorageService::refuseAccess(const std::string& ten
 
 TenantUsage StorageService::getTenantUsage(const std::string& tenant) const {
     TenantUsage usage;
-    if (backend_) usage = backend_->getTenantUsage(tenant);
+    // ".." would walk the whole storage root and report every tenant's use.
+    if (backend_ && tenantIdProblem(tenant).empty()) usage = backend_->getTenantUsage(tenant);
     usage.tenant_id = tenant;
     std::lock_guard lock(tenants_mutex_);
     auto it = tenants_.find(tenant);

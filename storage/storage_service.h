@@ -76,7 +76,7 @@ public:
 
     bool validateTenantAccess(const std::string& tenant) const;
     // The backend's figures with the quota from the tenant table (0 for an
-    // unknown tenant).
+    // unknown tenant); all zero for an id that tenantIdProblem refuses.
     TenantUsage getTenantUsage(const std::string& tenant) const;
     // True when `additional_bytes` more would not pass the quota (equal to
     // it is still allowed). Without a backend only for 0 or fewer bytes.

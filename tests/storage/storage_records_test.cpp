@@ -5,9 +5,7 @@
 
 #include "storage/storage_requests.h"
 #include "storage/storage_result.h"
-#include "storage/storage_service_config.h"
 #include "storage/tenant_config.h"
-#include "storage/tenant_usage.h"
 
 namespace vostra::data {
 namespace {
@@ -61,16 +59,6 @@ TEST(TenantConfigJson, NeverWritesApiKeys) {
     EXPECT_EQ(TenantConfig::fromJson(out).enabled, true);
 }
 
-TEST(TenantUsageJson, DerivesGibFromBytes) {
-    TenantUsage usage;
-    usage.storage_used_bytes = int64_t{3} << 29;  // 1.5 GiB
-    usage.storage_quota_bytes = int64_t{1} << 30;
-    const json out = usage.toJson();
-    EXPECT_DOUBLE_EQ(out["storage_used_gb"].get<double>(), 1.5);
-    EXPECT_DOUBLE_EQ(out["storage_quota_gb"].get<double>(), 1.0);
-    EXPECT_EQ(out.size(), 9u);
-}
-
 TEST(WriteBody, StoresDataAloneOrTheRawBody) {
     StorageWriteRequest object;
     EXPECT_EQ(object.readBody(R"({"data":"x","content_type":"text/x","metadata":{"k":"v"}})"), "");
@@ -85,14 +73,6 @@ TEST(WriteBody, StoresDataAloneOrTheRawBody) {
     }
     StorageWriteRequest typed;
     EXPECT_NE(typed.readBody(R"({"data":"x","metadata":{"k":1}})"), "");
-}
-
-TEST(BackendNames, MapTheDaemonsSetting) {
-    EXPECT_EQ(storageBackendTypeFromName("minio"), StorageBackendType::S3);
-    EXPECT_EQ(storageBackendTypeFromName("memory"), StorageBackendType::Memory);
-    EXPECT_EQ(storageBackendTypeFromName(""), StorageBackendType::Filesystem);
-    EXPECT_EQ(storageBackendTypeFromName("MEMORY"), StorageBackendType::Filesystem);
-    EXPECT_STREQ(storageBackendName(StorageBackendType::Memory), "memory");
 }
 
 }  // namespace

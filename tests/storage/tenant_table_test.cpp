@@ -149,13 +149,6 @@ TEST_F(TenantTable, GoesOnWithWhatItHasWhenTheFileIsDamaged) {
     EXPECT_EQ(start()->listTenants().size(), 1u);
 }
 
-TEST_F(TenantTable, MemoryBackendKeepsNoTableOnDisk) {
-    auto service = start(StorageBackendType::Memory);
-    ASSERT_TRUE(service->createTenant(tenant("acme")));
-    EXPECT_FALSE(fs::exists(tenantsFile()));
-    EXPECT_EQ(service->getAbsolutePath("acme", "/a/../b"), "memory://acme/a/b");
-}
-
 TEST_F(TenantTable, UnstartedOrS3ServiceOffersNothing) {
     StorageService idle;
     EXPECT_TRUE(idle.checkQuota("default", 0));

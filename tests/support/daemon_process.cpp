@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -39,6 +40,8 @@ pid_t spawn(const std::vector<std::string>& args, const std::string& out_path,
 
     pid_t pid = fork();
     if (pid == 0) {
+        // A test process that crashes must not leave daemons behind.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         int in = open("/dev/null", O_RDONLY);
         int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);

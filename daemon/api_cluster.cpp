@@ -1,0 +1,113 @@
+// Cluster membership: the bodies this worker sends the controller, the
+// heartbeat and resource sync of the heartbeat loop, and the
+// cluster-resources route.
+#include <nlohmann/json.hpp>
+#include <shared_mutex>
+
+#include "common/log.h"
+#include "connectors/data_source_registry.h"
+#include "daemon/cluster_discovery.h"
+#include "daemon/command_line.h"
+#include "daemon/controller_client.h"
+#include "daemon/data_daemon.h"
+#include "daemon/http_message.h"
+#include "daemon/identity.h"
+#include "storage/storage_service.h"
+
+namespace vostra::data {
+namespace {
+
+uint64_t unsignedOf(const nlohmann::json& object, const char* key) {
+    auto it = object.find(key);
+    if (it == object.end() || !it->is_number()) return 0;
+    return it->is_number_unsigned() ? it->get<uint64_t>()
+                                    : static_cast<uint64_t>(std::max<int64_t>(0, it->get<int64_t>()));
+}
+
+}  // namespace
+
+nlohmann::json DataDaemon::capabilities() const {
+    nlohmann::json list = {"databases"};
+    if (config_.storage_enabled) list.push_back("storage");
+    if (config_.nfs_enabled) list.push_back("nfs");
+    if (config_.agent_storage_enabled) list.push_back("agent-storage");
+    return list;
+}
+
+nlohmann::json DataDaemon::registrationBody() const {
+    return {
+        {"daemon_id", daemon_id_},
+        {"daemon_name", config_.daemon_name},
+        {"node_type", "DataWorker"},
+        {"worker_type", "data"},
+        {"hostname", getHostname()},
+        {"ip_address", getLocalIP()},
+        {"port", config_.port},
+        {"machine_id", machine_id_},
+        {"labels", config_.labels},
+        {"storage_path", config_.storage_path},
+        {"nfs_enabled", config_.nfs_enabled},
+        {"nfs_port", config_.nfs_port},
+        {"capabilities", capabilities()},
+        {"storage_capacity_bytes", getStorageCapacityBytes(config_.storage_path)},
+    };
+}
+
+nlohmann::json DataDaemon::heartbeatBody() const {
+    nlohmann::json storage_metrics = nlohmann::json::object();
+    {
+        std::shared_lock lock(storage_mutex_);
+        if (storage_) storage_metrics = storage_->getMetrics();
+    }
+    nlohmann::json sources = nlohmann::json::array();
+    for (const auto& status : registry_->listDataSources()) sources.push_back(status.toJson());
+    const RegistryCounters& counters = registry_->counters();
+
+    return {
+        {"daemon_id", daemon_id_},
+        {"daemon_name", config_.daemon_name},
+        {"hostname", getHostname()},
+        {"status", running_.load() ? "online" : "offline"},
+        {"version", kProgramVersion},
+        {"sources", std::move(sources)},
+        {"total_queries", counters.queries.load()},
+        {"total_errors", counters.errors.load()},
+        {"capabilities", capabilities()},
+        {"storage_path", config_.storage_path},
+        {"nfs_enabled", config_.nfs_enabled},
+        {"nfs_port", config_.nfs_port},
+        {"url", "http://" + getLocalIP() + ":" + std::to_string(config_.port)},
+        {"storage_capacity_bytes", getStorageCapacityBytes(config_.storage_path)},
+        {"storage_used_bytes", unsignedOf(storage_metrics, "bytes_written")},
+        {"tenant_count", unsignedOf(storage_metrics, "tenant_count")},
+    };
+}
+
+bool DataDaemon::registerWithController() {
+    return controller_ && controller_->registerWorker(registrationBody());
+}
+
+bool DataDaemon::sendHeartbeat() {
+    if (!controller_) return false;
+    return controller_->heartbeat(daemon_id_, heartbeatBody(),
+                                  [this] { return registrationBody(); });
+}
+
+void DataDaemon::deregisterFromController() {
+    if (controller_) controller_->deregister(daemon_id_);
+}
+
+void DataDaemon::syncClusterResources() {
+    if (!discovery_->isConfigured()) return;
+    discovery_->sync();
+}
+
+void DataDaemon::handleClusterResources(const HttpRequest& request) {
+    nlohmann::json body = discovery_->getResources();
+    body["configured"] = discovery_->isConfigured();
+    body["synced"] = discovery_->isSynced();
+    sendResponse(request.fd, 200,
+                 body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+}  // namespace vostra::data
