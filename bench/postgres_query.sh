@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Point SELECTs by primary key through POST /api/v1/data/query on a
+# PostgreSQL source (wrk, 8 connections, pool max 8) beside `pgbench -S -c 8`
+# on the same private server and table in the same run. Prints both
+# transaction rates and the ratio daemon/pgbench (target: 0.5 or better).
+set -euo pipefail
+source "$(dirname "$0")/common.sh"
+source "$root/scripts/test-servers.sh"
+duration=${DURATION:-10}
+scale=1   # pgbench_accounts holds 100,000 rows per unit of scale
+
+build_release
+servers_dir=$(mktemp -d /tmp/vostra-bench-pg-XXXXXX)
+chmod 755 "$servers_dir"
+server_user=$(id -un)
+if [ "$(id -u)" -eq 0 ]; then
+  id vostra-test >/dev/null 2>&1 || useradd --system --no-create-home --shell /usr/sbin/nologin vostra-test
+  server_user=vostra-test
+fi
+trap 'stop_test_servers; cleanup' EXIT
+start_postgres >/dev/null
+export PGPASSWORD=vostra
+pgbench -q -i -s "$scale" -h 127.0.0.1 -p "$VOSTRA_TEST_PG_PORT" -U vostra vostra_test >/dev/null 2>&1
+rows=$((scale * 100000))
+
+port=$(free_port)
+start_datad "$port" --add-source "{\"id\":\"pg\",\"type\":\"postgresql\",\"host\":\"127.0.0.1\",\"port\":$VOSTRA_TEST_PG_PORT,\"database\":\"vostra_test\",\"username\":\"vostra\",\"password\":\"vostra\",\"pool_config\":{\"max_connections\":8,\"validate_on_acquire\":${VALIDATE:-true}}}"
+
+cat >"$work/pg.lua" <<LUA
+wrk.method = "POST"
+wrk.headers["Content-Type"] = "application/json"
+math.randomseed(os.time())
+request = function()
+  local body = '{"source_id":"pg","sql":"SELECT abalance FROM pgbench_accounts WHERE aid = \$1","params":["' .. math.random(1, $rows) .. '"]}'
+  return wrk.format(nil, "/api/v1/data/query", nil, body)
+end
+LUA
+
+read -r daemon_rate daemon_errors < <(wrk_rate -t2 -c8 -d"${duration}s" -s "$work/pg.lua" "http://127.0.0.1:$port")
+pgbench_rate=$(pgbench -S -c 8 -j 2 -T "$duration" -h 127.0.0.1 -p "$VOSTRA_TEST_PG_PORT" -U vostra vostra_test 2>/dev/null \
+  | awk '/^tps/ {print $3; exit}')
+
+printf 'vostra-datad point SELECT over HTTP: %10.0f tx/s  socket errors: %s\n' "$daemon_rate" "$daemon_errors"
+printf 'pgbench -S -c 8:                     %10.0f tx/s\n' "$pgbench_rate"
+echo "ratio daemon/pgbench:                 $(ratio "$daemon_rate" "$pgbench_rate") (target >= 0.50)"
