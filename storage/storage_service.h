@@ -57,6 +57,8 @@ public:
     // backend cannot be started; a second call is a no-op returning true.
     // Call before sharing the service between threads.
     bool initialize(const StorageServiceConfig& config);
+    // Releases the backend (the memory backend forgets every file). Call only
+    // once no request can reach the service any more.
     void shutdown();
 
     // File operations. Each fails with "Tenant not found or access denied: "
@@ -74,6 +76,8 @@ public:
     StorageResult move(const std::string& tenant, const std::string& from, const std::string& to);
     StorageResult copy(const std::string& tenant, const std::string& from, const std::string& to);
 
+    // True when the tenant exists, is enabled and has API access (never for
+    // an id that tenantIdProblem refuses).
     bool validateTenantAccess(const std::string& tenant) const;
     // The backend's figures with the quota from the tenant table (0 for an
     // unknown tenant); all zero for an id that tenantIdProblem refuses.

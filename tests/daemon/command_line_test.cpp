@@ -26,12 +26,19 @@ protected:
         std::vector<char*> argv;
         for (auto& arg : args) argv.push_back(arg.data());
         argv.push_back(nullptr);
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        CommandLine line = parseCommandLine(static_cast<int>(args.size()), argv.data());
-        testing::internal::GetCapturedStdout();
-        testing::internal::GetCapturedStderr();
-        return line;
+        // Released on every way out, exceptions included: a capture left
+        // open aborts the next test that captures.
+        struct Quiet {
+            Quiet() {
+                testing::internal::CaptureStdout();
+                testing::internal::CaptureStderr();
+            }
+            ~Quiet() {
+                testing::internal::GetCapturedStdout();
+                testing::internal::GetCapturedStderr();
+            }
+        } quiet;
+        return parseCommandLine(static_cast<int>(args.size()), argv.data());
     }
 
     std::string dir_;
