@@ -17,7 +17,7 @@ if [ "$(id -u)" -eq 0 ]; then
   id vostra-test >/dev/null 2>&1 || useradd --system --no-create-home --shell /usr/sbin/nologin vostra-test
   server_user=vostra-test
 fi
-trap 'stop_test_servers; cleanup' EXIT
+trap 'stop_test_servers || true; cleanup' EXIT
 start_postgres >/dev/null
 export PGPASSWORD=vostra
 pgbench -q -i -s "$scale" -h 127.0.0.1 -p "$VOSTRA_TEST_PG_PORT" -U vostra vostra_test >/dev/null 2>&1

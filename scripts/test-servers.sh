@@ -82,7 +82,7 @@ stop_test_servers() {
     kill "$(cat "$servers_dir/mariadb/mysqld.pid")" 2>/dev/null
     for _ in $(seq 40); do [ -f "$servers_dir/mariadb/mysqld.pid" ] || break; sleep 0.25; done
   fi
-  pkill -f -- "--datadir=$servers_dir/" 2>/dev/null
+  pkill -f -- "--datadir=$servers_dir/" 2>/dev/null || true
   rm -rf "$servers_dir"
   servers_dir=""
 }
