@@ -13,9 +13,13 @@
 #include "daemon/http_message.h"
 #include "daemon/identity.h"
 #include "storage/storage_service.h"
+#include "vector/embedding_config.h"
+#include "vector/vector_storage_service.h"
 
 namespace vostra::data {
 namespace {
+
+constexpr vostra::Log kLog("[DataDaemon] ");
 
 uint64_t unsignedOf(const nlohmann::json& object, const char* key) {
     auto it = object.find(key);
@@ -98,8 +102,23 @@ void DataDaemon::deregisterFromController() {
 }
 
 void DataDaemon::syncClusterResources() {
-    if (!discovery_->isConfigured()) return;
-    discovery_->sync();
+    if (!discovery_->isConfigured() || !discovery_->sync()) return;
+
+    std::shared_lock lock(vector_mutex_);
+    if (!vector_) return;
+    EmbeddingConfig embedding = vector_->getConfig().embedding;
+    // Only a store still pointed at the built-in local address is redirected;
+    // one an operator configured keeps its provider.
+    if (!embedding.url.empty() && embedding.url != EmbeddingConfig{}.url) return;
+    const std::string url = discovery_->getBestEmbeddingUrl();
+    if (url.empty() || url == embedding.url) return;
+
+    const std::vector<std::string> models = discovery_->getEmbeddingModels(url);
+    embedding.url = url;
+    embedding.model = models.empty() ? EmbeddingConfig{}.model : models.front();
+    kLog.info("Auto-discovered embedding provider: ", url, " (model: ", embedding.model, ")");
+    // The store keeps its path and documents; only the provider changes.
+    vector_->updateEmbeddingConfig(embedding);
 }
 
 void DataDaemon::handleClusterResources(const HttpRequest& request) {

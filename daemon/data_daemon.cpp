@@ -13,6 +13,7 @@
 #include "daemon/controller_client.h"
 #include "daemon/identity.h"
 #include "storage/storage_service.h"
+#include "vector/vector_storage_service.h"
 
 namespace vostra::data {
 namespace {
@@ -37,7 +38,8 @@ DataDaemon& DataDaemon::getInstance() {
 DataDaemon::DataDaemon()
     : registry_(std::make_unique<DataSourceRegistry>()),
       discovery_(std::make_unique<discovery::ClusterDiscovery>()),
-      agent_storage_(std::make_unique<AgentStorage>()) {}
+      agent_storage_(std::make_unique<AgentStorage>()),
+      vector_config_(std::make_unique<VectorStorageConfig>()) {}
 
 DataDaemon::~DataDaemon() = default;
 
@@ -57,6 +59,30 @@ bool DataDaemon::initialize(const DataDaemonConfig& config) {
             storage_ = std::move(storage);
         else
             kLog.error("Failed to initialize storage service");
+    }
+
+    {
+        EmbeddingConfig embedding;
+        embedding.url = config_.embedding_url;
+        embedding.model = config_.embedding_model;
+        embedding.dimension = config_.embedding_dimension;
+        bool from_file = false;
+        VectorStorageConfig vector_config = VectorStorageService::startupConfig(
+            config_.vector_path, embedding, config_.vector_enabled, from_file);
+        if (vector_config.enabled) {
+            if (from_file && !config_.vector_enabled)
+                kLog.info("Auto-enabling vector storage from persisted config (embedding: ",
+                          vector_config.embedding.url, ", model: ", vector_config.embedding.model,
+                          ")");
+            auto vector = std::make_unique<VectorStorageService>();
+            if (vector->initialize(vector_config)) {
+                vector_ = std::move(vector);
+            } else {
+                kLog.error("Failed to initialize vector storage");
+                vector_config.enabled = false;
+            }
+        }
+        *vector_config_ = vector_config;
     }
 
     if (!config_.data_dir.empty()) {
@@ -138,6 +164,11 @@ void DataDaemon::stop() {
     if (left_open >= 0) close(left_open);
     client_threads_.releaseIdle();
 
+    {
+        std::unique_lock lock(vector_mutex_);
+        if (vector_) vector_->shutdown();
+        vector_.reset();
+    }
     {
         std::unique_lock lock(storage_mutex_);
         if (storage_) storage_->shutdown();

@@ -47,6 +47,8 @@ struct StorageWriteRequest;
 struct StorageListRequest;
 struct TenantConfig;
 struct TenantUsage;
+class VectorStorageService;
+struct VectorStorageConfig;
 
 class DataDaemon {
 public:
@@ -156,6 +158,8 @@ private:
     void handleTenantById(const HttpRequest& request);
     void handleStorage(const HttpRequest& request);
     bool hasStorage() const;
+    void handleVectorApi(const HttpRequest& request);
+    void handleVectorConfig(const HttpRequest& request);
 
     uint64_t uptimeSeconds() const;
 
@@ -190,6 +194,14 @@ private:
     // running when stop() destroys it: they use it under a shared lock.
     std::unique_ptr<StorageService> storage_;
     mutable std::shared_mutex storage_mutex_;
+    // Absent while vector storage is off; the config route creates and
+    // destroys it at run time, so requests use it under a shared lock and
+    // only that route and stop() take the lock exclusively. The settings
+    // are kept here too, for the config route to show and change while the
+    // service is off.
+    std::unique_ptr<VectorStorageService> vector_;
+    std::unique_ptr<VectorStorageConfig> vector_config_;
+    mutable std::shared_mutex vector_mutex_;
 };
 
 }  // namespace vostra::data

@@ -35,6 +35,7 @@ void DataDaemon::dispatch(const HttpRequest& request) {
         {Match::Prefix, "/api/v1/tenants/", &DataDaemon::handleTenantById},
         {Match::Prefix, "/api/v1/storage/", &DataDaemon::handleStorage},
         {Match::Exact, "/api/v1/data/cluster-resources", &DataDaemon::handleClusterResources},
+        {Match::Prefix, "/api/v1/vector", &DataDaemon::handleVectorApi},
         {Match::Exact, "/", &DataDaemon::handleRootRedirect},
     };
 

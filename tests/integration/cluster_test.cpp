@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <thread>
 
 #include "tests/support/daemon_process.h"
@@ -147,6 +148,41 @@ TEST_F(ClusterTest, ReportsClusterResourcesBeforeAndAfterASync) {
     EXPECT_EQ(resources["inference_workers"], json::parse(R"([{"id":"gpu-1"}])"));
     EXPECT_EQ(resources["models"], json({"m"}));
     EXPECT_EQ(resources["data_workers"], json::array());
+}
+
+TEST_F(ClusterTest, AdoptsADiscoveredEmbeddingProviderForAStoreOnTheDefault) {
+    controller.setHandler([](const RecordedRequest& request) {
+        if (request.path == "/api/v1/cluster/resources")
+            return FakeResponse{200, R"({"embedding_providers":[{"url":"http://10.1.2.3:11434",
+                "status":"online","models":["mxbai-embed-large"]}]})"};
+        return FakeResponse{};
+    });
+    const std::string dir = makeTempDir("vostra-adopt");
+    const int port = freePort();
+    const std::string file = dir + "/config.json";
+    std::ofstream(file) << json{{"port", port},
+                                {"controller_url", controller.url()},
+                                {"heartbeat_interval_ms", 200},
+                                {"storage_path", dir + "/storage"},
+                                {"vector_enabled", true},
+                                {"vector_path", dir + "/vectors"}}
+                               .dump();
+    DaemonProcess daemon({"--config", file}, /*wait_ready=*/false);
+    ASSERT_TRUE(daemon.waitReady(port)) << daemon.stderrText();
+
+    std::string out;
+    for (int i = 0; i < 100 && out.find("Auto-discovered") == std::string::npos; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        out = daemon.stdoutText();
+    }
+    EXPECT_NE(out.find("[DataDaemon] Auto-discovered embedding provider: http://10.1.2.3:11434 "
+                       "(model: mxbai-embed-large)"),
+              std::string::npos);
+    const std::string config = request(port, "GET", "/api/v1/vector/config").body;
+    EXPECT_NE(config.find("http://10.1.2.3:11434"), std::string::npos) << config;
+    EXPECT_NE(config.find("mxbai-embed-large"), std::string::npos) << config;
+    EXPECT_EQ(daemon.stop(), 0);
+    removeTree(dir);
 }
 
 }  // namespace

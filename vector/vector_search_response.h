@@ -1,0 +1,40 @@
+// The answer to a similarity or text search: the matched documents with
+// their scores, timing and counts. Plain value records owned by the caller.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "vector/vector_document.h"
+
+namespace vostra::data {
+
+struct VectorSearchResult {
+    VectorDocument document;
+    float score = 0.0f;     // cosine similarity
+    float distance = 1.0f;  // always 1 - score
+};
+
+struct VectorSearchResponse {
+    bool success = false;
+    std::string error;
+    std::vector<VectorSearchResult> results;  // best first
+    double search_time_ms = 0.0;
+    int64_t total_searched = 0;  // documents in the namespace
+    // Set with a failure caused by the request itself (a filter key the
+    // backend cannot use), so callers can answer it as a bad request.
+    // Not part of the JSON.
+    bool refused = false;
+
+    // "success", "results" (each the document's JSON plus "score",
+    // "distance" and, when the document still carries its vector,
+    // "embedding"), "search_time_ms", "total_searched", "count", and "error"
+    // when the search failed.
+    nlohmann::json toJson() const;
+
+    static VectorSearchResponse failure(std::string message, bool refused = false);
+};
+
+}  // namespace vostra::data
