@@ -12,12 +12,7 @@ namespace vostra::data {
 namespace {
 
 constexpr int kBusyTimeoutMs = 5000;
-
-// Finalizes the statement on every path out of run().
-struct StatementCloser {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, StatementCloser>;
+constexpr std::size_t kPreparedStatements = 16;
 
 std::string columnText(sqlite3_stmt* statement, int column) {
     const unsigned char* text = sqlite3_column_text(statement, column);
@@ -60,6 +55,7 @@ bool SQLiteConnector::connect(const DataSourceConfig& config) {
 void SQLiteConnector::disconnect() {
     if (db_ == nullptr) return;
     if (in_transaction_) rollback();
+    finalizeCached();  // a handle with live statements refuses to close
     sqlite3_close(db_);
     db_ = nullptr;
 }
@@ -83,21 +79,30 @@ QueryResult SQLiteConnector::run(const std::string& sql, const std::vector<std::
     QueryResult result;
     if (db_ == nullptr) return fail(result, kNotConnected);
 
-    sqlite3_stmt* raw = nullptr;
-    // Whatever follows the first statement is ignored on purpose: one call,
-    // one statement, so parameters cannot leak into a second one.
-    if (sqlite3_prepare_v2(db_, sql.c_str(), static_cast<int>(sql.size()), &raw, nullptr) !=
-        SQLITE_OK) {
-        return fail(result, sqlite3_errmsg(db_));
+    sqlite3_stmt* raw = takeCached(sql);
+    if (raw == nullptr) {
+        // Whatever follows the first statement is ignored on purpose: one call,
+        // one statement, so parameters cannot leak into a second one.
+        if (sqlite3_prepare_v2(db_, sql.c_str(), static_cast<int>(sql.size()), &raw, nullptr) !=
+            SQLITE_OK) {
+            sqlite3_finalize(raw);
+            return fail(result, sqlite3_errmsg(db_));
+        }
+        if (raw == nullptr) {
+            // Only whitespace or comments: nothing to run, as sqlite3_exec sees it.
+            result.affected_rows = sqlite3_changes(db_);
+            result.last_insert_id = sqlite3_last_insert_rowid(db_);
+            succeed(result, start);
+            return result;
+        }
     }
-    Statement statement(raw);
-    if (!statement) {
-        // Only whitespace or comments: nothing to run, as sqlite3_exec sees it.
-        result.affected_rows = sqlite3_changes(db_);
-        result.last_insert_id = sqlite3_last_insert_rowid(db_);
-        succeed(result, start);
-        return result;
-    }
+    // Back to the cache on every way out, reset so it holds no locks.
+    struct Keeper {
+        SQLiteConnector* self;
+        const std::string& sql;
+        sqlite3_stmt* statement;
+        ~Keeper() { self->keepPrepared(sql, statement); }
+    } keeper{this, sql, raw};
 
     for (std::size_t i = 0; i < params.size(); ++i) {
         if (sqlite3_bind_text(raw, static_cast<int>(i + 1), params[i].c_str(),
@@ -106,14 +111,16 @@ QueryResult SQLiteConnector::run(const std::string& sql, const std::vector<std::
         }
     }
 
+    // Names are read after the first step: a reused statement is prepared
+    // again inside that step when the schema changed, and only then do its
+    // columns match the tables as they are now.
+    int step = sqlite3_step(raw);
     const int column_count = sqlite3_column_count(raw);
     for (int c = 0; c < column_count; ++c) {
         const char* name = sqlite3_column_name(raw, c);
         result.columns.emplace_back(name != nullptr ? name : "");
     }
-
-    int step;
-    while ((step = sqlite3_step(raw)) == SQLITE_ROW) {
+    for (; step == SQLITE_ROW; step = sqlite3_step(raw)) {
         QueryResult::Row row;
         for (int c = 0; c < column_count; ++c)
             row[result.columns[c]] = columnText(raw, c);
@@ -125,9 +132,33 @@ QueryResult SQLiteConnector::run(const std::string& sql, const std::vector<std::
     // connection's last modification count; callers depend on that.
     result.affected_rows = sqlite3_changes(db_);
     result.last_insert_id = sqlite3_last_insert_rowid(db_);
-    statement.reset();
     succeed(result, start);
     return result;
+}
+
+sqlite3_stmt* SQLiteConnector::takeCached(const std::string& sql) {
+    for (auto it = prepared_.rbegin(); it != prepared_.rend(); ++it) {
+        if (it->first != sql) continue;
+        sqlite3_stmt* statement = it->second;
+        prepared_.erase(std::next(it).base());
+        return statement;
+    }
+    return nullptr;
+}
+
+void SQLiteConnector::keepPrepared(const std::string& sql, sqlite3_stmt* statement) {
+    sqlite3_reset(statement);
+    sqlite3_clear_bindings(statement);
+    if (prepared_.size() >= kPreparedStatements) {
+        sqlite3_finalize(prepared_.front().second);
+        prepared_.erase(prepared_.begin());
+    }
+    prepared_.emplace_back(sql, statement);
+}
+
+void SQLiteConnector::finalizeCached() {
+    for (auto& entry : prepared_) sqlite3_finalize(entry.second);
+    prepared_.clear();
 }
 
 std::vector<std::string> SQLiteConnector::getTables() {

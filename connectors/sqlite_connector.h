@@ -4,11 +4,13 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "connectors/data_connector.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace vostra::data {
 
@@ -53,9 +55,18 @@ public:
 
 private:
     QueryResult run(const std::string& sql, const std::vector<std::string>& params);
+    // A prepared statement for `sql` taken out of the cache, or nullptr.
+    sqlite3_stmt* takeCached(const std::string& sql);
+    // Resets `statement` and keeps it for the next run of the same text.
+    void keepPrepared(const std::string& sql, sqlite3_stmt* statement);
+    void finalizeCached();
 
     sqlite3* db_ = nullptr;
     bool in_transaction_ = false;
+    // Recently run statements, prepared once and reused: a pooled connection
+    // runs the same few texts (look-ups, validation) over and over, and
+    // preparing costs as much as the look-up itself. Most recent last.
+    std::vector<std::pair<std::string, sqlite3_stmt*>> prepared_;
 };
 
 }  // namespace vostra::data
