@@ -125,7 +125,9 @@ std::unique_ptr<DataConnector> ConnectionPool::acquire(int timeout_ms) {
             // A shutdown meanwhile has already zeroed the count.
             if (initialized_) --total_connections_;
         }
-        available_cv_.notify_one();  // a slot is free for someone waiting to open one
+        // A slot is free, but only a waiter still allowed to open may use it;
+        // waking one that is not would leave the slot idle until a deadline.
+        available_cv_.notify_all();
     }
 }
 

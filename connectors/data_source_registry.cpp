@@ -94,14 +94,25 @@ DataSourceRegistry::~DataSourceRegistry() {
 }
 
 bool DataSourceRegistry::addDataSource(const DataSourceConfig& config) {
-    std::lock_guard lock(mutex_);
-    if (sources_.count(config.id)) {
+    if (config.id.empty()) {
+        kLog.error("Refusing a data source without an id");
+        return false;
+    }
+    if (hasDataSource(config.id)) {
         kLog.error("Data source already exists: ", config.id);
         return false;
     }
+    // Connecting can take the whole connect time-out per connection; doing it
+    // under the registry lock would stall every query on every source.
     auto pool = std::make_shared<ConnectionPool>(config);
     if (!pool->initialize()) {
         kLog.error("Failed to initialize pool for: ", config.id);
+        return false;
+    }
+    std::lock_guard lock(mutex_);
+    if (sources_.count(config.id)) {  // a concurrent add of the same id won
+        pool->shutdown();
+        kLog.error("Data source already exists: ", config.id);
         return false;
     }
     sources_[config.id] = Source{std::make_shared<const DataSourceConfig>(config), std::move(pool),
@@ -185,16 +196,18 @@ std::size_t DataSourceRegistry::size() const {
     return sources_.size();
 }
 
-std::size_t DataSourceRegistry::healthyCount() const {
+std::pair<std::size_t, std::size_t> DataSourceRegistry::countSources() const {
     std::shared_lock lock(mutex_);
     std::size_t healthy = 0;
     for (const auto& entry : sources_)
         if (entry.second.pool && entry.second.pool->isHealthy()) ++healthy;
-    return healthy;
+    return {sources_.size(), healthy};
 }
 
 bool DataSourceRegistry::testDataSource(const std::string& id) {
-    std::lock_guard lock(mutex_);
+    // Held for the whole test so the source cannot be removed meanwhile, but
+    // shared, so queries on every source go on.
+    std::shared_lock lock(mutex_);
     auto it = sources_.find(id);
     if (it == sources_.end() || !it->second.pool) return false;
     PooledConnectionGuard connection(*it->second.pool, kTestTimeoutMs);

@@ -98,8 +98,9 @@ public:
     DataSourceStatusInfo getDataSourceStatus(const std::string& id) const;
     bool hasDataSource(const std::string& id) const;
     std::size_t size() const;
-    // Sources whose pool reports itself healthy.
-    std::size_t healthyCount() const;
+    // All sources and those whose pool reports itself healthy, counted under
+    // one lock so the second never exceeds the first.
+    std::pair<std::size_t, std::size_t> countSources() const;
 
     // Borrows a connection (5 s) and validates it. False for an unknown id.
     bool testDataSource(const std::string& id);

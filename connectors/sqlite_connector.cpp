@@ -13,6 +13,9 @@ namespace {
 
 constexpr int kBusyTimeoutMs = 5000;
 constexpr std::size_t kPreparedStatements = 16;
+// Longer texts are one-off statements; caching them would only pin memory
+// that clients choose the size of.
+constexpr std::size_t kMaxCachedSqlBytes = 4096;
 
 std::string columnText(sqlite3_stmt* statement, int column) {
     const unsigned char* text = sqlite3_column_text(statement, column);
@@ -146,14 +149,22 @@ sqlite3_stmt* SQLiteConnector::takeCached(const std::string& sql) {
     return nullptr;
 }
 
-void SQLiteConnector::keepPrepared(const std::string& sql, sqlite3_stmt* statement) {
+void SQLiteConnector::keepPrepared(const std::string& sql, sqlite3_stmt* statement) noexcept {
+    if (sql.size() > kMaxCachedSqlBytes) {
+        sqlite3_finalize(statement);
+        return;
+    }
     sqlite3_reset(statement);
     sqlite3_clear_bindings(statement);
     if (prepared_.size() >= kPreparedStatements) {
         sqlite3_finalize(prepared_.front().second);
         prepared_.erase(prepared_.begin());
     }
-    prepared_.emplace_back(sql, statement);
+    try {
+        prepared_.emplace_back(sql, statement);
+    } catch (...) {
+        sqlite3_finalize(statement);  // out of memory: simply not cached
+    }
 }
 
 void SQLiteConnector::finalizeCached() {

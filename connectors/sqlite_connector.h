@@ -58,7 +58,7 @@ private:
     // A prepared statement for `sql` taken out of the cache, or nullptr.
     sqlite3_stmt* takeCached(const std::string& sql);
     // Resets `statement` and keeps it for the next run of the same text.
-    void keepPrepared(const std::string& sql, sqlite3_stmt* statement);
+    void keepPrepared(const std::string& sql, sqlite3_stmt* statement) noexcept;
     void finalizeCached();
 
     sqlite3* db_ = nullptr;

@@ -44,8 +44,8 @@ nlohmann::json DataDaemon::registrationBody() const {
         {"daemon_name", config_.daemon_name},
         {"node_type", "DataWorker"},
         {"worker_type", "data"},
-        {"hostname", getHostname()},
-        {"ip_address", getLocalIP()},
+        {"hostname", hostname_},
+        {"ip_address", ip_address_},
         {"port", config_.port},
         {"machine_id", machine_id_},
         {"labels", config_.labels},
@@ -70,7 +70,7 @@ nlohmann::json DataDaemon::heartbeatBody() const {
     return {
         {"daemon_id", daemon_id_},
         {"daemon_name", config_.daemon_name},
-        {"hostname", getHostname()},
+        {"hostname", hostname_},
         {"status", running_.load() ? "online" : "offline"},
         {"version", kProgramVersion},
         {"sources", std::move(sources)},
@@ -80,7 +80,7 @@ nlohmann::json DataDaemon::heartbeatBody() const {
         {"storage_path", config_.storage_path},
         {"nfs_enabled", config_.nfs_enabled},
         {"nfs_port", config_.nfs_port},
-        {"url", "http://" + getLocalIP() + ":" + std::to_string(config_.port)},
+        {"url", "http://" + ip_address_ + ":" + std::to_string(config_.port)},
         {"storage_capacity_bytes", getStorageCapacityBytes(config_.storage_path)},
         {"storage_used_bytes", unsignedOf(storage_metrics, "bytes_written")},
         {"tenant_count", unsignedOf(storage_metrics, "tenant_count")},
@@ -125,8 +125,7 @@ void DataDaemon::handleClusterResources(const HttpRequest& request) {
     nlohmann::json body = discovery_->getResources();
     body["configured"] = discovery_->isConfigured();
     body["synced"] = discovery_->isSynced();
-    sendResponse(request.fd, 200,
-                 body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    sendJson(request.fd, 200, body);
 }
 
 }  // namespace vostra::data

@@ -11,12 +11,13 @@
 namespace vostra::data {
 
 nlohmann::json DataDaemon::getHealth() const {
+    const auto [total, healthy] = registry_->countSources();
     return {
         {"status", running_.load() ? "healthy" : "stopped"},
         {"daemon_id", daemon_id_},
         {"uptime_seconds", uptimeSeconds()},
-        {"total_sources", registry_->size()},
-        {"healthy_sources", registry_->healthyCount()},
+        {"total_sources", total},
+        {"healthy_sources", healthy},
     };
 }
 
@@ -28,8 +29,8 @@ nlohmann::json DataDaemon::getInfo() const {
         {"version", "1.0.0"},
         {"port", config_.port},
         {"bind_address", config_.bind_address},
-        {"hostname", getHostname()},
-        {"ip_address", getLocalIP()},
+        {"hostname", hostname_},
+        {"ip_address", ip_address_},
         {"available_connectors", DataConnectorFactory::getAvailableTypeNames()},
     };
 }
@@ -48,16 +49,15 @@ nlohmann::json DataDaemon::getMetrics() const {
 }
 
 void DataDaemon::handleHealth(const HttpRequest& request) {
-    sendResponse(request.fd, 200, getHealth().dump());
+    sendJson(request.fd, 200, getHealth());
 }
 
 void DataDaemon::handleInfo(const HttpRequest& request) {
-    sendResponse(request.fd, 200, getInfo().dump());
+    sendJson(request.fd, 200, getInfo());
 }
 
 void DataDaemon::handleMetrics(const HttpRequest& request) {
-    sendResponse(request.fd, 200,
-                 getMetrics().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    sendJson(request.fd, 200, getMetrics());
 }
 
 void DataDaemon::handleRootRedirect(const HttpRequest& request) {

@@ -14,11 +14,6 @@ namespace {
 
 constexpr std::string_view kSourcesPrefix = "/api/v1/data/sources/";
 
-void sendJson(int fd, int status, const nlohmann::json& body) {
-    // Database text is not always valid UTF-8; it must not cost the answer.
-    sendResponse(fd, status, body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-}
-
 // Reads the body into a record with its fromJson. A body that is not JSON,
 // or a key of the wrong type, is answered 400 with the parser's message.
 template <typename Record>

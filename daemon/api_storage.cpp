@@ -22,8 +22,7 @@ int failureStatus(const StorageResult& result, int otherwise) {
 
 void sendResult(int fd, const StorageResult& result, int success_status, int failure_status) {
     const int status = result.success ? success_status : failureStatus(result, failure_status);
-    sendResponse(fd, status,
-                 result.toJson().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    sendJson(fd, status, result.toJson());
 }
 
 }  // namespace

@@ -15,10 +15,6 @@ namespace {
 
 constexpr std::string_view kTenantsPrefix = "/api/v1/tenants/";
 
-void sendJson(int fd, int status, const nlohmann::json& body) {
-    sendResponse(fd, status, body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-}
-
 // A body that is not JSON, or a key of the wrong type, is answered 400 with
 // the parser's message.
 bool parseTenant(const HttpRequest& request, TenantConfig& out) {

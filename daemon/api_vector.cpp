@@ -28,10 +28,6 @@ constexpr const char* kNamespaceNotFound = "Namespace not found";
 constexpr const char* kUpdateFailed = "Failed to update configuration";
 constexpr int32_t kDefaultTextSearchLimit = 10;
 
-void sendJson(int fd, int status, const json& body) {
-    sendResponse(fd, status, body.dump(-1, ' ', false, json::error_handler_t::replace));
-}
-
 // The body as a JSON object (an empty body is an empty one), or nothing
 // after answering 400 for a body that is not a JSON object.
 std::optional<json> parseBody(const HttpRequest& request) {

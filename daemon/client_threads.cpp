@@ -27,11 +27,11 @@ struct ClientThreads::Worker {
     int fd = kNoConnection;
 
     void hand(int connection) {
-        {
-            std::lock_guard lock(mutex);
-            fd = connection;
-            handed = true;
-        }
+        // Notified under the lock: once `handed` is seen, the worker may end
+        // and destroy this object, so nothing may touch it after unlocking.
+        std::lock_guard lock(mutex);
+        fd = connection;
+        handed = true;
         ready.notify_one();
     }
     bool await(std::chrono::seconds limit) {

@@ -121,7 +121,20 @@ CommandLine parseCommandLine(int argc, char* argv[]) {
                 return line;
         }
     }
+    if (std::string problem = configurationProblem(config); !problem.empty()) {
+        std::cerr << "Invalid configuration: " << problem << std::endl;
+        line.exit_status = 1;
+    }
     return line;
+}
+
+std::string configurationProblem(const DataDaemonConfig& config) {
+    // htons() would silently wrap a port above 65535 onto another one.
+    if (config.port < 1 || config.port > 65535) return "port must be between 1 and 65535";
+    if (config.nfs_port < 1 || config.nfs_port > 65535)
+        return "nfs_port must be between 1 and 65535";
+    if (config.max_connections < 1) return "max_connections must be at least 1";
+    return {};
 }
 
 void printVersion() { std::cout << "vostra-datad " << kProgramVersion << std::endl; }

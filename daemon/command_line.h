@@ -27,6 +27,10 @@ struct CommandLine {
 // port or interval throws std::invalid_argument or std::out_of_range.
 CommandLine parseCommandLine(int argc, char* argv[]);
 
+// Why the values of `config` cannot work (a port out of range, no
+// connections allowed), or empty when they can.
+std::string configurationProblem(const DataDaemonConfig& config);
+
 void printVersion();
 void printBanner();
 void printUsage(const char* argv0);

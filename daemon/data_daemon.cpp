@@ -47,6 +47,8 @@ bool DataDaemon::initialize(const DataDaemonConfig& config) {
     config_ = config;
     daemon_id_ = config_.daemon_id.empty() ? generateDaemonId() : config_.daemon_id;
     machine_id_ = generateMachineId();
+    hostname_ = getHostname();
+    ip_address_ = getLocalIP();
 
     if (config_.storage_enabled) {
         StorageServiceConfig storage_config;

@@ -166,6 +166,10 @@ private:
     DataDaemonConfig config_;
     std::string daemon_id_;
     std::string machine_id_;
+    // Looked up once: resolving the host name on every /info or heartbeat
+    // would put a resolver round trip on those paths.
+    std::string hostname_;
+    std::string ip_address_;
     bool initialized_ = false;
 
     std::atomic<bool> running_{false};

@@ -14,6 +14,10 @@ namespace {
 constexpr std::size_t kRecvChunk = 8191;
 // Requests larger than this stop being read; what has arrived is dispatched.
 constexpr std::size_t kMaxRequestBytes = 0x80000000;
+// A header block is a few hundred bytes. One that has not ended by this size
+// is treated like a request that stopped arriving, so a flood of endless
+// headers cannot hold gigabytes per connection.
+constexpr std::size_t kMaxHeaderBytes = 1 << 20;
 constexpr std::string_view kHeaderEnd = "\r\n\r\n";
 
 }  // namespace
@@ -56,7 +60,7 @@ std::string readRequest(int fd) {
         if (header_end == std::string::npos) {
             header_end = raw.find(kHeaderEnd, scanned);
             if (header_end == std::string::npos) {
-                if (raw.size() > kMaxRequestBytes) break;
+                if (raw.size() > kMaxHeaderBytes) break;
                 scanned = raw.size() >= 3 ? raw.size() - 3 : 0;
                 continue;
             }
@@ -114,10 +118,12 @@ void sendResponse(int fd, int status, const std::string& body, const std::string
     (void)send(fd, wire.data(), wire.size(), MSG_NOSIGNAL);
 }
 
+void sendJson(int fd, int status, const nlohmann::json& body) {
+    sendResponse(fd, status, body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
 void sendError(int fd, int status, const std::string& message) {
-    nlohmann::json error = {{"error", message}};
-    // A message carrying invalid UTF-8 must still produce an answer.
-    sendResponse(fd, status, error.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    sendJson(fd, status, {{"error", message}});
 }
 
 void sendDashboardRedirect(int fd) {

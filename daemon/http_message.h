@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -42,6 +43,10 @@ std::string formatResponse(int status, std::string_view body, std::string_view c
 // Sends with a single send(); a short or failed write is neither retried nor reported.
 void sendResponse(int fd, int status, const std::string& body,
                   const std::string& content_type = "application/json");
+
+// Sends `body` as compact JSON. Text that is not valid UTF-8 (database and
+// file contents often are not) is replaced rather than costing the answer.
+void sendJson(int fd, int status, const nlohmann::json& body);
 
 // Sends {"error": message} as compact JSON.
 void sendError(int fd, int status, const std::string& message);

@@ -24,7 +24,9 @@ constexpr timeval kSendTimeout{30, 0};
 }  // namespace
 
 void DataDaemon::httpServerLoop() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    // Close-on-exec throughout: host tools run through the shell must not
+    // inherit the server's sockets.
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         kLog.error("Failed to create socket");
         return;
@@ -62,7 +64,7 @@ void DataDaemon::httpServerLoop() {
     listen_fd_.store(fd);
 
     while (running_.load() && http_running_.load()) {
-        int client = accept(fd, nullptr, nullptr);
+        int client = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) {
             if (!running_.load() || !http_running_.load()) break;
             kLog.error("Accept failed");
@@ -92,13 +94,13 @@ void DataDaemon::serveConnection(int fd) {
 void DataDaemon::handleClient(int fd) {
     HttpRequest request;
     request.fd = fd;
-    request.raw = readRequest(fd);
-    if (request.raw.empty()) return;
-    parseRequest(request.raw, request.method, request.path, request.body);
-    currentTenant() = extractTenantFromRequest(request.raw);
-
-    // No exception may end a client thread, and through it the process.
+    // No exception may end a client thread, and through it the process: not
+    // even running out of memory while reading a huge request.
     try {
+        request.raw = readRequest(fd);
+        if (request.raw.empty()) return;
+        parseRequest(request.raw, request.method, request.path, request.body);
+        currentTenant() = extractTenantFromRequest(request.raw);
         dispatch(request);
     } catch (const std::exception& error) {
         kLog.error("Request ", request.method, " ", request.path, " failed: ", error.what());

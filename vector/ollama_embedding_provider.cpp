@@ -7,6 +7,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "common/curl_handle.h"
 #include "common/log.h"
 #include "connectors/sanitize_utf8.h"
 
@@ -20,34 +21,6 @@ constexpr long kEmbedTimeoutSeconds = 60;
 constexpr long kProbeTimeoutSeconds = 5;
 constexpr long kProbeConnectTimeoutSeconds = 2;
 constexpr std::size_t kDetailBytes = 200;
-
-struct CurlDeleter {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct SlistDeleter {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-using CurlHandle = std::unique_ptr<CURL, CurlDeleter>;
-
-size_t appendToString(char* data, size_t size, size_t count, void* target) {
-    static_cast<std::string*>(target)->append(data, size * count);
-    return size * count;
-}
-
-CurlHandle newHandle(const std::string& url, std::string& response, long timeout_seconds) {
-    // curl_global_init is not thread-safe; the first call must not race.
-    static std::once_flag global_init;
-    std::call_once(global_init, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-    CurlHandle handle(curl_easy_init());
-    if (!handle) return handle;
-    curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
-    curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, appendToString);
-    curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &response);
-    curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, timeout_seconds);
-    // Signals would interrupt other threads' sleeps; resolver time-outs need none.
-    curl_easy_setopt(handle.get(), CURLOPT_NOSIGNAL, 1L);
-    return handle;
-}
 
 // The start of an unexpected answer, safe to print.
 std::string detail(const std::string& body) {
@@ -64,7 +37,8 @@ std::vector<float> OllamaEmbeddingProvider::requestEmbedding(const std::string& 
     const std::vector<float> zeros(static_cast<std::size_t>(std::max<int32_t>(0, dimension_)),
                                    0.0f);
     std::string response;
-    CurlHandle handle = newHandle(url_ + "/api/embeddings", response, kEmbedTimeoutSeconds);
+    vostra::CurlHandle handle =
+        vostra::newCurlHandle(url_ + "/api/embeddings", response, kEmbedTimeoutSeconds);
     if (!handle) {
         kLog.error("CURL error connecting to ", url_, ": cannot create a handle");
         return zeros;
@@ -73,8 +47,7 @@ std::vector<float> OllamaEmbeddingProvider::requestEmbedding(const std::string& 
     // the request failing to encode.
     const std::string payload = nlohmann::json{{"model", model_}, {"prompt", text}}.dump(
         -1, ' ', false, nlohmann::json::error_handler_t::replace);
-    std::unique_ptr<curl_slist, SlistDeleter> headers(
-        curl_slist_append(nullptr, "Content-Type: application/json"));
+    vostra::CurlHeaders headers(curl_slist_append(nullptr, "Content-Type: application/json"));
     curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, payload.c_str());
     curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(payload.size()));
     curl_easy_setopt(handle.get(), CURLOPT_HTTPHEADER, headers.get());
@@ -122,7 +95,8 @@ std::vector<float> OllamaEmbeddingProvider::embed(const std::string& text) {
 
 bool OllamaEmbeddingProvider::isAvailable() {
     std::string response;
-    CurlHandle handle = newHandle(url_ + "/api/tags", response, kProbeTimeoutSeconds);
+    vostra::CurlHandle handle =
+        vostra::newCurlHandle(url_ + "/api/tags", response, kProbeTimeoutSeconds);
     if (!handle) return false;
     curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT, kProbeConnectTimeoutSeconds);
     return curl_easy_perform(handle.get()) == CURLE_OK;

@@ -121,10 +121,13 @@ SQLiteVectorBackend::~SQLiteVectorBackend() {
 
 bool SQLiteVectorBackend::isUsableMetadataKey(std::string_view key) {
     if (key.empty()) return false;
-    return std::all_of(key.begin(), key.end(), [](char c) {
+    const bool allowed = std::all_of(key.begin(), key.end(), [](char c) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                c == '_' || c == '-' || c == '.';
     });
+    // Dots separate path labels; an empty label is no JSON path at all.
+    return allowed && key.front() != '.' && key.back() != '.' &&
+           key.find("..") == std::string_view::npos;
 }
 
 bool SQLiteVectorBackend::execute(const char* sql, const char* what) {

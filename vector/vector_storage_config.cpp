@@ -15,6 +15,10 @@ std::string VectorStorageConfig::problem() const {
     if (chunk_size < 1) return "chunk_size must be at least 1";
     // Fixed-length slicing advances by chunk_size - chunk_overlap.
     if (chunk_overlap >= chunk_size) return "chunk_overlap must be below chunk_size";
+    // Every failed embedding is a zero vector of this length: an absurd value
+    // would make each one a huge allocation.
+    if (embedding.dimension < 1 || embedding.dimension > kMaxDimension)
+        return "embedding dimension must be between 1 and " + std::to_string(kMaxDimension);
     return {};
 }
 

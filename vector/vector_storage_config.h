@@ -14,6 +14,8 @@ namespace vostra::data {
 struct VectorStorageConfig {
     // The backend number that selects memory; every other number is SQLite.
     static constexpr int32_t kMemoryBackend = 3;
+    // Far above any embedding model's output, far below a harmful allocation.
+    static constexpr int32_t kMaxDimension = 65536;
 
     bool enabled = false;
     int32_t backend = 0;
