@@ -44,6 +44,9 @@ bool MySQLConnector::open() {
     mysql_options(handle, MYSQL_OPT_CONNECT_TIMEOUT, &timeout_s);
     const my_bool reconnect = 1;
     manual_reconnect_ = mysql_options(handle, MYSQL_OPT_RECONNECT, &reconnect) != 0;
+    // Also as a connect option, so a session the client library re-opens by
+    // itself after a dropped connection speaks utf8mb4 too.
+    mysql_options(handle, MYSQL_SET_CHARSET_NAME, "utf8mb4");
     if (config_.use_ssl) {
         // A source that asks for TLS must not silently fall back to plain text.
         const my_bool enforce = 1;
