@@ -6,7 +6,6 @@
 #include <charconv>
 #include <cstring>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 namespace vostra::data {
 namespace {
@@ -76,11 +75,23 @@ std::string readRequest(int fd) {
 
 void parseRequest(const std::string& raw, std::string& method, std::string& path,
                   std::string& body) {
-    std::size_t line_end = raw.find("\r\n");
-    std::istringstream words(raw.substr(0, line_end));
-    method.clear();
-    path.clear();
-    words >> method >> path;
+    // The first two words of the text, split at any white space as a stream
+    // would, but without building one per request.
+    static constexpr const char* kBlanks = " \t\r\n\v\f";
+    std::string_view text(raw);
+    auto nextWord = [&text]() {
+        const std::size_t begin = text.find_first_not_of(kBlanks);
+        if (begin == std::string_view::npos) {
+            text = {};
+            return std::string();
+        }
+        const std::size_t end = text.find_first_of(kBlanks, begin);
+        std::string word(text.substr(begin, end == std::string_view::npos ? end : end - begin));
+        text = end == std::string_view::npos ? std::string_view() : text.substr(end);
+        return word;
+    };
+    method = nextWord();
+    path = nextWord();
     std::size_t header_end = raw.find(kHeaderEnd);
     body = header_end == std::string::npos ? std::string() : raw.substr(header_end + kHeaderEnd.size());
 }

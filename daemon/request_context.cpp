@@ -6,13 +6,6 @@
 namespace vostra::data {
 namespace {
 
-std::string lowered(std::string_view text) {
-    std::string out(text);
-    std::transform(out.begin(), out.end(), out.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return out;
-}
-
 std::string_view headerBlock(std::string_view raw) {
     std::size_t end = raw.find("\r\n\r\n");
     return end == std::string_view::npos ? raw : raw.substr(0, end + 2);
@@ -23,33 +16,42 @@ std::string prefixBeforeDot(const std::string& value) {
     return dot == std::string::npos ? std::string() : value.substr(0, dot);
 }
 
-// The header block of one request, lowered at most once however many
-// headers are looked up in it.
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
+           });
+}
+
+// The headers of one request, looked up in place. A header is a line that
+// starts with its name and ": "; the exact spelling wins over another case.
 class HeaderBlock {
 public:
     explicit HeaderBlock(std::string_view raw) : block_(headerBlock(raw)) {}
 
-    std::string value(std::string_view name) {
-        std::string pattern = "\r\n" + std::string(name) + ": ";
-        std::size_t at = block_.find(pattern);
-        if (at == std::string_view::npos) {
-            if (!lowered_ready_) {
-                lowered_ = lowered(block_);
-                lowered_ready_ = true;
-            }
-            at = lowered_.find(lowered(pattern));
-        }
-        if (at == std::string_view::npos) return {};
-        // Lowering keeps every offset, so the value is cut from the original.
-        std::size_t begin = at + pattern.size();
-        std::size_t end = block_.find("\r\n", begin);
-        return std::string(block_.substr(begin, end == std::string_view::npos ? end : end - begin));
+    std::string value(std::string_view name) const {
+        std::string_view found = find(name, /*any_case=*/false);
+        if (found.data() == nullptr) found = find(name, /*any_case=*/true);
+        return std::string(found);
     }
 
 private:
+    std::string_view find(std::string_view name, bool any_case) const {
+        // Every header line follows a "\r\n"; the request line never matches.
+        for (std::size_t at = block_.find("\r\n"); at != std::string_view::npos;
+             at = block_.find("\r\n", at + 2)) {
+            std::string_view line = block_.substr(at + 2);
+            line = line.substr(0, line.find("\r\n"));
+            if (line.size() < name.size() + 2 || line.substr(name.size(), 2) != ": ") continue;
+            const std::string_view head = line.substr(0, name.size());
+            if (any_case ? equalsIgnoringCase(head, name) : head == name)
+                return line.substr(name.size() + 2);
+        }
+        return {};
+    }
+
     std::string_view block_;
-    std::string lowered_;
-    bool lowered_ready_ = false;
 };
 
 }  // namespace
