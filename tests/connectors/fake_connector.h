@@ -1,6 +1,7 @@
-// A connector without a database, for exercising the pool. All instances
-// share one FakeBackend whose atomic switches make connects or validations
-// fail and whose counters show how many connectors exist.
+// A connector without a database, for exercising the pool: an SQLite
+// connector that never opens one. All instances share one FakeBackend whose
+// atomic switches make connects or validations fail and whose counters show
+// how many connectors exist.
 #pragma once
 
 #include <atomic>
@@ -8,7 +9,7 @@
 #include <memory>
 #include <thread>
 
-#include "connectors/connection_pool.h"
+#include "connectors/sqlite_connector.h"
 
 namespace vostra::data::test {
 
@@ -21,7 +22,7 @@ struct FakeBackend {
     std::atomic<int> max_alive{0};
 };
 
-class FakeConnector : public DataConnector {
+class FakeConnector : public SQLiteConnector {
 public:
     explicit FakeConnector(std::shared_ptr<FakeBackend> backend)
         : backend_(std::move(backend)), serial_(backend_->next_serial++) {
@@ -33,7 +34,6 @@ public:
     ~FakeConnector() override { --backend_->alive; }
     int serial() const { return serial_; }  // 1, 2, … in order of creation
 
-    ConnectorType getType() const override { return ConnectorType::SQLite; }
     std::string getName() const override { return "Fake"; }
     bool connect(const DataSourceConfig&) override {
         std::this_thread::sleep_for(std::chrono::microseconds(backend_->connect_delay_us));
@@ -44,15 +44,6 @@ public:
     void disconnect() override { connected_ = false; }
     bool isConnected() const override { return connected_; }
     bool validate() override { return !backend_->fail_validation; }
-    QueryResult query(const std::string&, const std::vector<std::string>&) override { return {}; }
-    QueryResult execute(const std::string&, const std::vector<std::string>&) override { return {}; }
-    SchemaInfo getSchema() override { return {}; }
-    std::vector<std::string> getTables() override { return {}; }
-    std::vector<ColumnInfo> getColumns(const std::string&) override { return {}; }
-    std::string escape(const std::string& text) override { return text; }
-    bool beginTransaction() override { return false; }
-    bool commit() override { return false; }
-    bool rollback() override { return false; }
 
 private:
     std::shared_ptr<FakeBackend> backend_;

@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tests/connectors/scratch_dir.h"
+#include "tests/support/daemon_process.h"
 
 namespace vostra::data {
 namespace {
@@ -128,14 +128,14 @@ TEST_F(SQLiteConnectorTest, CatalogListsUserTablesAndDescribesQuotedNames) {
 }
 
 TEST(SQLiteConnector, ConnectChoosesTheFileAndItsAccess) {
-    test::ScratchDir dir;
+    const std::string dir = test::makeTempDir("vostra-conn");
     SQLiteConnector db;
     EXPECT_FALSE(db.query("SELECT 1", {}).success);
     EXPECT_EQ(db.getLastError(), "Not connected");
     EXPECT_FALSE(db.validate());
 
     DataSourceConfig read_only;
-    read_only.path = dir.file("shop.db");
+    read_only.path = dir + "/shop.db";
     EXPECT_FALSE(db.connect(read_only)) << "a read-only source needs an existing file";
     EXPECT_EQ(db.getLastError(), "unable to open database file");
 
@@ -151,6 +151,44 @@ TEST(SQLiteConnector, ConnectChoosesTheFileAndItsAccess) {
 
     ASSERT_TRUE(db.connect(writable()));  // memory: empty at every connect
     EXPECT_TRUE(db.getTables().empty());
+    test::removeTree(dir);
+}
+
+TEST_F(SQLiteConnectorTest, ReusedStatementsFollowSchemaChangesAndKeepBindingRules) {
+    const std::string select = "SELECT * FROM people";
+    EXPECT_EQ(db.query(select, {}).columns.size(), 3u);
+    ASSERT_TRUE(run("DROP TABLE people"));
+    EXPECT_EQ(db.query(select, {}).error, "no such table: people");
+    ASSERT_TRUE(run("CREATE TABLE people (b TEXT, c TEXT)"));
+    EXPECT_EQ(db.query(select, {}).columns, (std::vector<std::string>{"b", "c"}));
+
+    // Bindings never carry over from an earlier run of the same text.
+    const std::string insert = "INSERT INTO people VALUES (?, ?)";
+    ASSERT_TRUE(run(insert, {"1", "2"}));
+    EXPECT_FALSE(run(insert, {"1", "2", "3"}));
+    ASSERT_TRUE(run(insert, {"3"}));
+    const QueryResult rows = db.query("SELECT c FROM people WHERE b = ?", {"3"});
+    ASSERT_EQ(rows.rows.size(), 1u);
+    EXPECT_EQ(rows.rows[0].at("c"), "");
+}
+
+TEST(SQLiteConnector, AFinishedReadHoldsNoLockAgainstOtherConnections) {
+    const std::string file = test::makeTempDir("vostra-conn") + "/db.sqlite";
+    SQLiteConnector reader, writer;
+    ASSERT_TRUE(writer.connect(writable(file)));
+    ASSERT_TRUE(writer.execute("CREATE TABLE t (n INTEGER)", {}).success);
+    ASSERT_TRUE(writer.execute("INSERT INTO t VALUES (1), (2)", {}).success);
+    ASSERT_TRUE(reader.connect(writable(file)));
+
+    // Stop after the first of two rows would leave a statement active; the
+    // connector must always run it to the end and reset it.
+    ASSERT_TRUE(reader.query("SELECT n FROM t", {}).success);
+    ASSERT_TRUE(writer.beginTransaction());
+    EXPECT_TRUE(writer.execute("DELETE FROM t", {}).success);
+    EXPECT_TRUE(writer.commit());
+    reader.disconnect();  // closes cleanly with statements still cached
+    EXPECT_FALSE(reader.isConnected());
+    test::removeTree(file.substr(0, file.rfind('/')));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <thread>
 
 #include "tests/support/daemon_process.h"
@@ -15,12 +14,13 @@ namespace {
 using nlohmann::json;
 
 constexpr const char* kRegister = "/api/v1/data-workers/register";
+constexpr const char* kResources = "/api/v1/data/cluster-resources";
 
 class ClusterTest : public ::testing::Test {
 protected:
     std::unique_ptr<DaemonProcess> startWorker(std::vector<std::string> extra = {}) {
-        std::vector<std::string> args = {"-c", controller.url(), "-n", "worker-1", "-l", "ssd",
-                                         "--heartbeat", "200"};
+        std::vector<std::string> args = {"-c",  controller.url(), "-n", "worker-1", "-l",
+                                         "ssd", "--heartbeat",    "200"};
         args.insert(args.end(), extra.begin(), extra.end());
         auto daemon = std::make_unique<DaemonProcess>(args);
         EXPECT_TRUE(daemon->ready()) << daemon->stderrText();
@@ -51,7 +51,10 @@ TEST_F(ClusterTest, RegistersWithItsFiguresAndHeartbeatsEveryPeriod) {
         EXPECT_TRUE(body.contains(key)) << key;
 
     const std::string path = heartbeatPath(*daemon);
+    const auto started = std::chrono::steady_clock::now();
     ASSERT_TRUE(controller.waitFor(path, 3));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3))
+        << "period 0.2 s";
     json beat = json::parse(controller.requestsTo(path)[0].body);
     EXPECT_EQ(beat["status"], "online");
     EXPECT_EQ(beat["version"], "4.1.0");
@@ -62,8 +65,9 @@ TEST_F(ClusterTest, RegistersWithItsFiguresAndHeartbeatsEveryPeriod) {
         EXPECT_TRUE(beat.contains(key)) << key;
 
     EXPECT_EQ(daemon->stop(), 0);
-    EXPECT_EQ(controller.requestsTo("/api/v1/data-workers/" + body["daemon_id"].get<std::string>() +
-                                    "/deregister")
+    EXPECT_EQ(controller
+                  .requestsTo("/api/v1/data-workers/" + body["daemon_id"].get<std::string>() +
+                              "/deregister")
                   .size(),
               1u);
 }
@@ -98,8 +102,8 @@ TEST_F(ClusterTest, ReRegistersAfterAFailedHeartbeat) {
 
 TEST_F(ClusterTest, ServesStandaloneWhenTheControllerIsDownAndStillStops) {
     int closed_port = freePort();
-    DaemonProcess daemon({"-c", "http://127.0.0.1:" + std::to_string(closed_port), "--heartbeat",
-                          "200"});
+    DaemonProcess daemon(
+        {"-c", "http://127.0.0.1:" + std::to_string(closed_port), "--heartbeat", "200"});
     ASSERT_TRUE(daemon.ready());
     EXPECT_NE(daemon.stderrText().find("[DataDaemon] Failed to register with controller"),
               std::string::npos);
@@ -125,26 +129,22 @@ TEST_F(ClusterTest, ASlowOrGarbledControllerNeverHoldsUpTheApi) {
 
 TEST_F(ClusterTest, ReportsClusterResourcesBeforeAndAfterASync) {
     DaemonProcess standalone;
-    json alone = request(standalone.port(), "GET", "/api/v1/data/cluster-resources").json();
+    const json alone = request(standalone.port(), "GET", kResources).json();
     EXPECT_EQ(alone["configured"], false);
     EXPECT_EQ(alone["synced"], false);
     EXPECT_EQ(alone["embedding_providers"], json::array());
 
     controller.setHandler([](const RecordedRequest& request) {
-        if (request.path == "/api/v1/cluster/resources")
-            return FakeResponse{200, R"({"inference_workers":[{"id":"gpu-1"}],"models":["m"]})"};
-        return FakeResponse{};
+        if (request.path != "/api/v1/cluster/resources") return FakeResponse{};
+        return FakeResponse{200, R"({"inference_workers":[{"id":"gpu-1"}],"models":["m"]})"};
     });
     auto daemon = startWorker();
-    ASSERT_TRUE(controller.waitFor("/api/v1/cluster/resources", 1));
     json resources;
-    for (int i = 0; i < 50; ++i) {
-        resources = request(daemon->port(), "GET", "/api/v1/data/cluster-resources").json();
-        if (resources["synced"] == true) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    EXPECT_TRUE(eventually([&] {
+        resources = request(daemon->port(), "GET", kResources).json();
+        return resources["synced"] == true;
+    }));
     EXPECT_EQ(resources["configured"], true);
-    EXPECT_EQ(resources["synced"], true);
     EXPECT_EQ(resources["inference_workers"], json::parse(R"([{"id":"gpu-1"}])"));
     EXPECT_EQ(resources["models"], json({"m"}));
     EXPECT_EQ(resources["data_workers"], json::array());
@@ -152,37 +152,23 @@ TEST_F(ClusterTest, ReportsClusterResourcesBeforeAndAfterASync) {
 
 TEST_F(ClusterTest, AdoptsADiscoveredEmbeddingProviderForAStoreOnTheDefault) {
     controller.setHandler([](const RecordedRequest& request) {
-        if (request.path == "/api/v1/cluster/resources")
-            return FakeResponse{200, R"({"embedding_providers":[{"url":"http://10.1.2.3:11434",
-                "status":"online","models":["mxbai-embed-large"]}]})"};
-        return FakeResponse{};
+        if (request.path != "/api/v1/cluster/resources") return FakeResponse{};
+        return FakeResponse{200, R"({"embedding_providers":[{"url":"http://10.1.2.3:11434",
+            "status":"online","models":["mxbai-embed-large"]}]})"};
     });
-    const std::string dir = makeTempDir("vostra-adopt");
-    const int port = freePort();
-    const std::string file = dir + "/config.json";
-    std::ofstream(file) << json{{"port", port},
-                                {"controller_url", controller.url()},
-                                {"heartbeat_interval_ms", 200},
-                                {"storage_path", dir + "/storage"},
-                                {"vector_enabled", true},
-                                {"vector_path", dir + "/vectors"}}
-                               .dump();
-    DaemonProcess daemon({"--config", file}, /*wait_ready=*/false);
-    ASSERT_TRUE(daemon.waitReady(port)) << daemon.stderrText();
-
-    std::string out;
-    for (int i = 0; i < 100 && out.find("Auto-discovered") == std::string::npos; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        out = daemon.stdoutText();
-    }
-    EXPECT_NE(out.find("[DataDaemon] Auto-discovered embedding provider: http://10.1.2.3:11434 "
-                       "(model: mxbai-embed-large)"),
-              std::string::npos);
-    const std::string config = request(port, "GET", "/api/v1/vector/config").body;
-    EXPECT_NE(config.find("http://10.1.2.3:11434"), std::string::npos) << config;
-    EXPECT_NE(config.find("mxbai-embed-large"), std::string::npos) << config;
+    DaemonProcess daemon(ConfigFile{{{"controller_url", controller.url()},
+                                     {"heartbeat_interval_ms", 200},
+                                     {"vector_enabled", true}}});
+    ASSERT_TRUE(daemon.ready()) << daemon.stderrText();
+    EXPECT_TRUE(eventually([&] {
+        return daemon.stdoutText().find(
+                   "[DataDaemon] Auto-discovered embedding provider: "
+                   "http://10.1.2.3:11434 (model: mxbai-embed-large)") != std::string::npos;
+    }));
+    const std::string config = request(daemon.port(), "GET", "/api/v1/vector/config").body;
+    EXPECT_NE(config.find("\"url\":\"http://10.1.2.3:11434\""), std::string::npos) << config;
+    EXPECT_NE(config.find("\"model\":\"mxbai-embed-large\""), std::string::npos) << config;
     EXPECT_EQ(daemon.stop(), 0);
-    removeTree(dir);
 }
 
 }  // namespace

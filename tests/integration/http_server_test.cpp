@@ -1,13 +1,19 @@
-// The HTTP server of the real binary, spoken to over loopback.
+// The real binary's HTTP server spoken to over loopback, then its start-up,
+// options, shutdown and connection cap.
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <thread>
 
 #include "tests/support/daemon_process.h"
+#include "tests/support/fake_http_server.h"
 #include "tests/support/http_test_client.h"
 
 namespace vostra::test {
@@ -15,11 +21,8 @@ namespace {
 
 class HttpServerTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { daemon_ = new DaemonProcess(); }
-    static void TearDownTestSuite() {
-        delete daemon_;
-        daemon_ = nullptr;
-    }
+    static void SetUpTestSuite() { daemon_ = std::make_unique<DaemonProcess>(); }
+    static void TearDownTestSuite() { daemon_.reset(); }
     void SetUp() override { ASSERT_TRUE(daemon_->ready()) << daemon_->stderrText(); }
     void TearDown() override {
         // Whatever a test sent, the daemon must still be serving afterwards.
@@ -33,41 +36,31 @@ protected:
         return poll(&waiting, 1, ms) > 0;
     }
 
-    static DaemonProcess* daemon_;
+    static inline std::unique_ptr<DaemonProcess> daemon_;
 };
-DaemonProcess* HttpServerTest::daemon_ = nullptr;
 
-TEST_F(HttpServerTest, CoreEndpointsAnswerWithTheirKeys) {
-    auto health = request(port(), "GET", "/health");
-    EXPECT_EQ(health.status, 200);
-    EXPECT_EQ(health.header("Content-Type"), "application/json");
-    EXPECT_EQ(health.header("Connection"), "close");
-    auto h = health.json();
+TEST_F(HttpServerTest, CoreEndpointsAnswerAnyMethodWithExactlyTheFourHeaderLines) {
+    const HttpResponse health = request(port(), "GET", "/health");
+    EXPECT_EQ(health.head, "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
+                               std::to_string(health.body.size()) + "\r\nConnection: close\r\n");
+    const nlohmann::json h = health.json();
     EXPECT_EQ(h["status"], "healthy");
     EXPECT_EQ(h["daemon_id"].get<std::string>().rfind("data-", 0), 0u);
     EXPECT_EQ(h["daemon_id"].get<std::string>().size(), 17u);
-    EXPECT_TRUE(h.contains("uptime_seconds"));
-    EXPECT_EQ(h["total_sources"], 0);
 
-    auto info = request(port(), "POST", "/api/v1/info").json();
+    const nlohmann::json info = request(port(), "POST", "/api/v1/info").json();
     EXPECT_EQ(info["version"], "1.0.0");
     EXPECT_EQ(info["port"], port());
     EXPECT_EQ(info["daemon_id"], h["daemon_id"]);
-    for (const char* key : {"daemon_name", "bind_address", "hostname", "ip_address",
-                            "available_connectors"})
-        EXPECT_TRUE(info.contains(key)) << key;
-
-    auto metrics = request(port(), "OPTIONS", "/api/v1/metrics").json();
-    EXPECT_EQ(metrics["total_queries"], 0);
-    EXPECT_TRUE(metrics["sources"].is_array());
+    EXPECT_EQ(request(port(), "OPTIONS", "/api/v1/metrics").json()["total_queries"], 0);
 }
 
 TEST_F(HttpServerTest, ExactRoutesDoNotMatchWithAQueryString) {
-    auto response = request(port(), "GET", "/health?x=1");
-    EXPECT_EQ(response.status, 404);
-    EXPECT_EQ(response.body, R"({"error":"Not found"})");
-    EXPECT_EQ(request(port(), "GET", "/api/v1/agents-x").status, 404);
-    EXPECT_EQ(request(port(), "GET", "/nothing/here").status, 404);
+    for (const char* path : {"/health?x=1", "/api/v1/agents-x", "/nothing/here"}) {
+        const HttpResponse response = request(port(), "GET", path);
+        EXPECT_EQ(response.status, 404) << path;
+        EXPECT_EQ(response.body, R"({"error":"Not found"})") << path;
+    }
 }
 
 TEST_F(HttpServerTest, RootRedirectsWithTheBareLiteral) {
@@ -133,6 +126,132 @@ TEST_F(HttpServerTest, DispatchesStalledRequestsWithWhatArrived) {
     EXPECT_EQ(unfinished_headers.get().status, 200);
     EXPECT_EQ(short_body.get().status, 404);
     EXPECT_EQ(not_http.get().status, 404);
+}
+
+class DaemonLifecycleTest : public ::testing::Test {
+protected:
+    void SetUp() override { dir_ = makeTempDir("vostra-life"); }
+    void TearDown() override { removeTree(dir_); }
+
+    std::string writeConfig(const nlohmann::json& json) {
+        std::string path = dir_ + "/config.json";
+        std::ofstream(path) << json.dump();
+        return path;
+    }
+
+    std::string dir_;
+};
+
+TEST_F(DaemonLifecycleTest, SigtermDuringALongHeartbeatPeriodExitsZeroPromptly) {
+    DaemonProcess daemon({"--heartbeat", "30000"});
+    ASSERT_TRUE(daemon.ready()) << daemon.stderrText();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(daemon.stop(3000), 0);
+
+    const std::string out = daemon.stdoutText();
+    EXPECT_NE(out.find("(standalone)"), std::string::npos);
+    EXPECT_NE(out.find("Data daemon started"), std::string::npos);
+    EXPECT_NE(out.find("[vostra-datad] Received signal 15, shutting down..."), std::string::npos);
+    EXPECT_NE(out.find("[DataDaemon] Stopped"), std::string::npos);
+}
+
+TEST_F(DaemonLifecycleTest, OptionsBeforeConfigAreLostAndOptionsAfterItWin) {
+    const int file_port = freePort();
+    const std::string file = writeConfig({{"port", file_port}, {"daemon_name", "from-file"}});
+
+    // The fixture's own "-p" comes first, so the file's port must win here.
+    DaemonProcess first({"--config", file}, /*wait_ready=*/false);
+    ASSERT_TRUE(first.waitReady(file_port)) << first.stderrText();
+    EXPECT_EQ(request(file_port, "GET", "/info").json()["daemon_name"], "from-file");
+    EXPECT_EQ(first.stop(), 0);
+
+    const int option_port = freePort();
+    DaemonProcess second({"--config", file, "-p", std::to_string(option_port)}, false);
+    ASSERT_TRUE(second.waitReady(option_port)) << second.stderrText();
+    EXPECT_EQ(request(option_port, "GET", "/info").json()["port"], option_port);
+    EXPECT_EQ(second.stop(), 0);
+}
+
+TEST_F(DaemonLifecycleTest, InformationalOptionsAndBadInputSetTheExitStatus) {
+    const std::string absent = dir_ + "/absent.json";
+    std::ofstream(dir_ + "/broken.json") << "{\"port\": ";
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::string out, err;
+    } cases[] = {
+        {{"--version"}, 0, "vostra-datad 4.1.0\n", ""},
+        {{"-h"}, 0, "Storage Options:", ""},
+        {{"--list-connectors"}, 0, "  - postgresql (libpq)\n", ""},
+        {{"--no-such-option"}, 1, "Usage: ", ""},
+        {{"-p"}, 1, "Usage: ", ""},
+        {{"-p", "not-a-number"}, 1, "", ""},
+        {{"--config", absent}, 1, "", "Cannot open config file: " + absent},
+        {{"--config", dir_ + "/broken.json"}, 1, "", "Error reading config file: "},
+        {{"--config", writeConfig({{"port", "eighty"}})}, 1, "", "Error reading config file: "},
+    };
+    for (const auto& c : cases) {
+        const ProgramRun run = runDaemonBinary(c.args);
+        EXPECT_EQ(run.exit_status, c.status) << c.args[0];
+        EXPECT_NE(run.out.find(c.out), std::string::npos) << c.args[0] << ": " << run.out;
+        EXPECT_NE(run.err.find(c.err), std::string::npos) << c.args[0] << ": " << run.err;
+    }
+}
+
+TEST_F(DaemonLifecycleTest, ConnectionsOverTheCapAreTurnedAwayWithServerBusy) {
+    DaemonProcess daemon({"--max-connections", "2"});
+    ASSERT_TRUE(daemon.ready()) << daemon.stderrText();
+
+    // Two requests whose headers never end hold both slots until they close.
+    int held[2] = {connectTo(daemon.port()), connectTo(daemon.port())};
+    for (int fd : held)
+        sendAll(fd, "GET /health HTTP/1.1\r\nX-Slow: ");
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(request(daemon.port(), "GET", "/health").outcome(), "503 Server busy");
+
+    for (int fd : held)
+        close(fd);
+    EXPECT_TRUE(eventually([&] { return request(daemon.port(), "GET", "/health").status == 200; }));
+}
+
+TEST_F(DaemonLifecycleTest, KeepsRunningWhenItsPortIsTaken) {
+    FakeHttpServer holder;
+    const std::string taken = std::to_string(holder.port());
+    DaemonProcess daemon({"-p", taken}, /*wait_ready=*/false);
+    EXPECT_TRUE(eventually([&] {
+        return daemon.stderrText().find("[DataDaemon] Failed to bind to port " + taken) !=
+               std::string::npos;
+    }));
+    EXPECT_TRUE(daemon.running());
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+// The pid of the vostra-datad process whose command line holds `needle`, or -1.
+pid_t findDaemonByArgument(const std::string& needle) {
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
+        std::ifstream file(entry.path() / "cmdline");
+        const std::string cmdline{std::istreambuf_iterator<char>(file), {}};
+        if (cmdline.find(needle) != std::string::npos &&
+            cmdline.find("vostra-datad") != std::string::npos)
+            return std::atoi(entry.path().filename().c_str());
+    }
+    return -1;
+}
+
+TEST_F(DaemonLifecycleTest, BackgroundModeDetachesSilently) {
+    const int port = freePort();
+    const std::string marker = dir_ + "/background-storage";
+    ProgramRun parent =
+        runDaemonBinary({"-d", "-p", std::to_string(port), "--storage-path", marker});
+    EXPECT_EQ(parent.exit_status, 0);
+    EXPECT_EQ(parent.out, "");
+
+    EXPECT_TRUE(eventually([&] { return request(port, "GET", "/health").status == 200; }));
+    pid_t child = findDaemonByArgument(marker);
+    ASSERT_GT(child, 0);
+    kill(child, SIGTERM);
+    EXPECT_TRUE(eventually([&] { return kill(child, 0) != 0; }));
 }
 
 }  // namespace

@@ -19,6 +19,11 @@ const std::string kFiles = "/api/v1/storage/";
 
 class StorageApi {
 protected:
+    StorageApi() : dir_(makeTempDir("vostra-storage-api")) {}
+    ~StorageApi() {
+        daemon_.reset();
+        removeTree(dir_);
+    }
     void startDaemon(std::vector<std::string> args) {
         daemon_ = std::make_unique<DaemonProcess>(std::move(args));
         ASSERT_TRUE(daemon_->ready()) << daemon_->stderrText();
@@ -40,6 +45,7 @@ protected:
         return names;
     }
 
+    std::string dir_;
     std::unique_ptr<DaemonProcess> daemon_;
 };
 
@@ -55,19 +61,16 @@ TEST_P(StorageApiBehaviour, QuotaBoundaryIsExact) {
     ASSERT_EQ(addTenant("fits", {{"storage_quota_bytes", 100}}).status, 201);
     ASSERT_EQ(addTenant("over", {{"storage_quota_bytes", 100}}).status, 201);
     EXPECT_EQ(call("PUT", kFiles + "fits/a.txt", std::string(100, 'x')).status, 201);
-    const HttpResponse refused = call("PUT", kFiles + "over/a.txt", std::string(101, 'x'));
-    EXPECT_EQ(refused.status, 400);
-    EXPECT_EQ(refused.json()["error"], "Storage quota exceeded for tenant: over");
-    EXPECT_EQ(refused.json()["success"], false);
+    EXPECT_EQ(call("PUT", kFiles + "over/a.txt", std::string(101, 'x')).outcome(),
+              "400 Storage quota exceeded for tenant: over");
 }
 
 TEST_P(StorageApiBehaviour, DisabledAndApiLessTenantsAreRefusedAsUnknown) {
     ASSERT_EQ(addTenant("off", {{"enabled", false}}).status, 201);
     ASSERT_EQ(addTenant("noapi", {{"api_access", false}}).status, 201);
     for (const std::string tenant : {"off", "noapi", "nobody"}) {
-        const HttpResponse put = call("PUT", kFiles + tenant + "/a.txt", "x");
-        EXPECT_EQ(put.status, 400);
-        EXPECT_EQ(put.json()["error"], "Tenant not found or access denied: " + tenant);
+        EXPECT_EQ(call("PUT", kFiles + tenant + "/a.txt", "x").outcome(),
+                  "400 Tenant not found or access denied: " + tenant);
         EXPECT_EQ(call("GET", kFiles + tenant + "/a.txt").status, 404);
     }
 }
@@ -80,18 +83,17 @@ TEST_P(StorageApiBehaviour, ServesBodiesAsTheyWereMeant) {
     EXPECT_EQ(call("PUT", kFiles + "acme/arr.json", R"(["data","x"])").status, 201);
     const HttpResponse obj = call("GET", kFiles + "acme/obj.txt");
     EXPECT_EQ(obj.body, "x");
-    EXPECT_EQ(obj.header("Content-Type"), "text/x");
+    EXPECT_NE(obj.head.find("\r\nContent-Type: text/x\r\n"), std::string::npos) << obj.head;
     EXPECT_EQ(call("GET", kFiles + "acme/raw.txt").body, "not json {");
     EXPECT_EQ(call("GET", kFiles + "acme/arr.json").body, R"(["data","x"])");
-    EXPECT_EQ(call("GET", kFiles + "acme/arr.json").header("Content-Type"), "application/json");
+    EXPECT_NE(call("GET", kFiles + "acme/arr.json").head.find("Content-Type: application/json"),
+              std::string::npos);
 
-    const HttpResponse missing = call("GET", kFiles + "acme/none.txt");
-    EXPECT_EQ(missing.status, 404);
-    EXPECT_EQ(missing.json()["error"], "File not found: none.txt");
+    EXPECT_EQ(call("GET", kFiles + "acme/none.txt").outcome(), "404 File not found: none.txt");
     EXPECT_EQ(call("PATCH", kFiles + "acme/obj.txt").status, 405);
-    const HttpResponse header_break =
-        call("PUT", kFiles + "acme/h.txt", R"({"data":"x","content_type":"a\r\nX-Evil: 1"})");
-    EXPECT_EQ(header_break.status, 400);
+    EXPECT_EQ(call("PUT", kFiles + "acme/h.txt", R"({"data":"x","content_type":"a\r\nX-Evil: 1"})")
+                  .status,
+              400);
 }
 
 TEST_P(StorageApiBehaviour, ListsTheRootWithOrWithoutSlashAndSubfolders) {
@@ -102,9 +104,7 @@ TEST_P(StorageApiBehaviour, ListsTheRootWithOrWithoutSlashAndSubfolders) {
     EXPECT_NE(std::find(root.begin(), root.end(), "docs"), root.end());
     EXPECT_NE(std::find(root.begin(), root.end(), "top.txt"), root.end());
     EXPECT_EQ(listed("acme/docs/"), std::vector<std::string>{"docs/a.txt"});
-    const HttpResponse absent = call("GET", kFiles + "acme/nowhere/");
-    EXPECT_EQ(absent.status, 404);
-    EXPECT_EQ(absent.json()["error"], "Path not found: nowhere/");
+    EXPECT_EQ(call("GET", kFiles + "acme/nowhere/").outcome(), "404 Path not found: nowhere/");
 }
 
 TEST_P(StorageApiBehaviour, DotSpellingsAddressOneFileAndDeleteIsRecursive) {
@@ -121,34 +121,30 @@ TEST_P(StorageApiBehaviour, DotSpellingsAddressOneFileAndDeleteIsRecursive) {
 }
 
 TEST_P(StorageApiBehaviour, TenantRoutesCreateReadReplaceAndDelete) {
-    const HttpResponse twice = addTenant("acme", {{"name", "second"}});
-    EXPECT_EQ(twice.status, 400);
-    EXPECT_EQ(twice.json()["error"], "Failed to create tenant (may already exist)");
+    EXPECT_EQ(addTenant("acme", {{"name", "second"}}).outcome(),
+              "400 Failed to create tenant (may already exist)");
     EXPECT_EQ(call("GET", "/api/v1/tenants/acme").json()["name"], "");
 
-    ASSERT_EQ(addTenant("gb", {{"storage_quota_gb", 2}, {"storage_quota_bytes", 5}}).status, 201);
-    EXPECT_EQ(call("GET", "/api/v1/tenants/gb").json()["storage_quota_bytes"], 2147483648);
-    ASSERT_EQ(addTenant("odd", {{"storage_quota_bytes", 1073741823}}).status, 201);
-    EXPECT_EQ(call("GET", "/api/v1/tenants/odd").json()["storage_quota_gb"], 0);
-    EXPECT_EQ(call("GET", "/api/v1/tenants").json().size(), 4u);
-    EXPECT_EQ(call("GET", "/api/v1/tenants/ghost").json()["error"], "Tenant not found");
+    ASSERT_EQ(addTenant("beta").status, 201);
+    EXPECT_EQ(call("GET", "/api/v1/tenants").json().size(), 3u);
+    EXPECT_EQ(call("GET", "/api/v1/tenants/ghost").outcome(), "404 Tenant not found");
     EXPECT_EQ(call("GET", "/api/v1/tenants/acme/other").status, 404);
     EXPECT_EQ(call("POST", "/api/v1/tenants", "{oops").status, 400);
 
-    const HttpResponse updated =
-        call("PUT", "/api/v1/tenants/acme", R"({"name":"n","enabled":true})");
-    EXPECT_EQ(updated.json()["status"], "updated");
+    EXPECT_EQ(
+        call("PUT", "/api/v1/tenants/acme", R"({"name":"n","enabled":true})").json()["status"],
+        "updated");
     const json replaced = call("GET", "/api/v1/tenants/acme").json();
     EXPECT_EQ(replaced["name"], "n");
     EXPECT_EQ(replaced["api_access"], false);  // replaced whole, not merged
     EXPECT_EQ(call("PUT", "/api/v1/tenants/ghost", "{}").status, 404);
 
-    ASSERT_EQ(call("PUT", kFiles + "gb/f.txt", "12345").status, 201);
-    const json usage = call("GET", "/api/v1/tenants/gb/usage").json();
+    ASSERT_EQ(call("PUT", kFiles + "beta/f.txt", "12345").status, 201);
+    const json usage = call("GET", "/api/v1/tenants/beta/usage").json();
     EXPECT_EQ(usage["file_count"], 1);
     EXPECT_GE(usage["storage_used_bytes"].get<int64_t>(), 5);
-    EXPECT_EQ(call("DELETE", "/api/v1/tenants/gb").json()["status"], "deleted");
-    EXPECT_EQ(call("DELETE", "/api/v1/tenants/gb").status, 404);
+    EXPECT_EQ(call("DELETE", "/api/v1/tenants/beta").json()["status"], "deleted");
+    EXPECT_EQ(call("DELETE", "/api/v1/tenants/beta").status, 404);
 }
 
 TEST_P(StorageApiBehaviour, DeletingATenantKeepsItsFilesUnlessForced) {
@@ -167,15 +163,7 @@ TEST_P(StorageApiBehaviour, DeletingATenantKeepsItsFilesUnlessForced) {
 INSTANTIATE_TEST_SUITE_P(Backends, StorageApiBehaviour, ::testing::Values("filesystem", "memory"),
                          [](const auto& info) { return std::string(info.param); });
 
-class StorageApiTest : public StorageApi, public ::testing::Test {
-protected:
-    void SetUp() override { dir_ = makeTempDir("vostra-storage-api"); }
-    void TearDown() override {
-        daemon_.reset();
-        removeTree(dir_);
-    }
-    std::string dir_;
-};
+class StorageApiTest : public StorageApi, public ::testing::Test {};
 
 TEST_F(StorageApiTest, RestartKeepsTenantsButNotTheirApiKeys) {
     const std::vector<std::string> args = {"--storage-path", dir_ + "/storage"};
@@ -210,22 +198,17 @@ TEST_F(StorageApiTest, MemoryBackendForgetsEverythingAtRestart) {
 }
 
 TEST_F(StorageApiTest, WithoutStorageEveryStorageRouteAnswers503) {
-    for (const char* off : {"--no-storage", "s3"}) {
-        std::vector<std::string> args = {off};
-        if (std::string(off) == "s3") args = {"--storage-backend", "s3"};
-        startDaemon(args);
+    for (const std::vector<std::string>& off :
+         {std::vector<std::string>{"--no-storage"}, {"--storage-backend", "s3"}}) {
+        startDaemon(off);
         for (const char* path :
              {"/api/v1/storage/default/a", "/api/v1/tenants", "/api/v1/tenants/x"}) {
-            const HttpResponse answer = call("GET", path);
-            EXPECT_EQ(answer.status, 503) << off << " " << path;
-            EXPECT_EQ(answer.json()["error"], "Storage service not available");
+            EXPECT_EQ(call("GET", path).outcome(), "503 Storage service not available") << path;
         }
         EXPECT_EQ(call("GET", "/health").status, 200);
-        const bool failed =
-            daemon_->stderrText().find("[DataDaemon] Failed to initialize storage service") !=
-            std::string::npos;
-        EXPECT_EQ(failed, std::string(off) == "s3");
-        daemon_.reset();
+        EXPECT_EQ(daemon_->stderrText().find("[DataDaemon] Failed to initialize storage service") !=
+                      std::string::npos,
+                  off.size() == 2);
     }
 }
 
@@ -250,21 +233,16 @@ TEST_F(StorageApiTest, NothingReachesOutsideTheTenantFolder) {
     EXPECT_EQ(call("GET", kFiles + "../system/tenants.json").status, 404);
 
     // Tenant ids become directory names: ones that could climb are refused.
-    for (const char* id : {"..", "../outside", "a/b", "."}) {
-        const HttpResponse refused = addTenant(id);
-        EXPECT_EQ(refused.status, 400) << id;
-        EXPECT_NE(refused.json()["error"].get<std::string>().find("Invalid tenant id"),
-                  std::string::npos);
-    }
+    for (const char* id : {"..", "../outside", "a/b", "."})
+        EXPECT_EQ(addTenant(id).outcome().rfind("400 Invalid tenant id", 0), 0u) << id;
 
     EXPECT_EQ(call("GET", "/api/v1/tenants/../usage").status, 400);
 
     // A link planted in the folder is refused, never followed.
     fs::create_directory_symlink(dir_ + "/outside", tenants + "default/door");
     for (const char* method : {"GET", "PUT", "DELETE"}) {
-        const HttpResponse answer = call(method, kFiles + "default/door/secret.txt", "z");
-        EXPECT_EQ(answer.status, 400) << method;
-        EXPECT_NE(answer.body.find("Symbolic link"), std::string::npos) << method;
+        const std::string outcome = call(method, kFiles + "default/door/secret.txt", "z").outcome();
+        EXPECT_EQ(outcome.rfind("400 Symbolic link", 0), 0u) << method << ": " << outcome;
     }
     EXPECT_EQ(listed("default/").size(), 6u);  // four standard folders, outside, %2e%2e
     std::ifstream secret(dir_ + "/outside/secret.txt");

@@ -3,8 +3,6 @@
 // and namespaces and documents carried across a restart.
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "tests/support/daemon_process.h"
 #include "tests/support/http_test_client.h"
 
@@ -26,27 +24,19 @@ protected:
         if (daemon_) {
             EXPECT_EQ(daemon_->stop(), 0) << daemon_->stderrText();
         }
-        daemon_.reset();
         removeTree(dir_);
     }
 
-    // There are no vector options, so everything goes through one file; the
-    // fixture's own "-p" is lost behind it, hence our own port.
-    void start(const json& extra = json::object()) {
-        port_ = freePort();
-        json config = {{"port", port_},
-                       {"storage_path", dir_ + "/storage"},
-                       {"vector_path", dir_ + "/vectors"}};
-        config.update(extra);
-        const std::string file = dir_ + "/config.json";
-        std::ofstream(file) << config.dump();
-        daemon_ =
-            std::make_unique<DaemonProcess>(std::vector<std::string>{"--config", file}, false);
-        ASSERT_TRUE(daemon_->waitReady(port_)) << daemon_->stderrText();
+    // There are no vector options: the settings go through a file.
+    void start(json config = json::object()) {
+        config["vector_path"] = dir_ + "/vectors";
+        daemon_ = std::make_unique<DaemonProcess>(ConfigFile{config});
+        ASSERT_TRUE(daemon_->ready()) << daemon_->stderrText();
     }
     HttpResponse call(const std::string& method, const std::string& path,
                       const json& body = nullptr, const std::vector<std::string>& headers = {}) {
-        return request(port_, method, kVector + path, body.is_null() ? "" : body.dump(), headers);
+        return request(daemon_->port(), method, kVector + path, body.is_null() ? "" : body.dump(),
+                       headers);
     }
     void enableLocalEmbeddings(const json& extra = json::object()) {
         json settings = {{"enabled", true}, {"embedding", {{"type", 1}, {"dimension", 256}}}};
@@ -57,30 +47,26 @@ protected:
     }
 
     std::string dir_;
-    int port_ = 0;
     std::unique_ptr<DaemonProcess> daemon_;
 };
 
 TEST_F(VectorApi, SwitchedOffItAnswers503ExceptForItsSettings) {
     start();
     for (const std::string path : {"/health", "/namespaces/acme", "/search", "/config?x=1", "x"}) {
-        const HttpResponse answer = call("GET", path);
-        EXPECT_EQ(answer.status, 503) << path;
-        EXPECT_EQ(answer.json()["error"], kNotEnabled) << path;
+        EXPECT_EQ(call("GET", path).outcome(), "503 " + kNotEnabled) << path;
     }
     const json settings = call("GET", "/config").json();
     EXPECT_EQ(settings["enabled"], false);
     EXPECT_EQ(settings["storage_path"], dir_ + "/vectors");
     EXPECT_EQ(call("POST", "/config", json::object()).status, 405);
 
-    const HttpResponse bad = call("PUT", "/config", json{{"chunk_size", "large"}});
-    EXPECT_EQ(bad.status, 400);
-    EXPECT_EQ(bad.json()["error"], "Failed to update configuration");
+    EXPECT_EQ(call("PUT", "/config", json{{"chunk_size", "large"}}).outcome(),
+              "400 Failed to update configuration");
 
     enableLocalEmbeddings();
     EXPECT_EQ(call("GET", "/health").json()["status"], "healthy");
-    const HttpResponse off = call("PUT", "/config", json{{"enabled", false}});
-    EXPECT_EQ(off.json()["message"], "Vector storage service stopped");
+    EXPECT_EQ(call("PUT", "/config", json{{"enabled", false}}).json()["message"],
+              "Vector storage service stopped");
     EXPECT_EQ(call("GET", "/health").status, 503);
     EXPECT_EQ(call("PUT", "/config", json{{"enabled", false}}).json()["status"], "unchanged");
 }
@@ -113,6 +99,8 @@ TEST_F(VectorApi, IngestedTextIsFoundAgainByMeaningAndByWords) {
     EXPECT_NEAR(best["distance"].get<double>(), 1.0 - best["score"].get<double>(), 1e-6);
 
     const std::string id = best["id"];
+    EXPECT_EQ(id.size(), 20u);
+    EXPECT_EQ(id.rfind("doc-", 0), 0u);
     EXPECT_EQ(call("GET", "/documents/acme/docs/" + id).json()["source"], "notes.txt");
     EXPECT_EQ(call("GET", "/documents/acme/docs/doc-none").status, 404);
     const json words = call("POST", "/text-search",
@@ -128,21 +116,19 @@ TEST_F(VectorApi, IngestedTextIsFoundAgainByMeaningAndByWords) {
 TEST_F(VectorApi, RequestsItCannotServeGetClearAnswers) {
     start();
     enableLocalEmbeddings();
-    const auto expectError = [&](const HttpResponse& answer, int status, const std::string& error) {
-        EXPECT_EQ(answer.status, status) << answer.body;
-        EXPECT_EQ(answer.json()["error"], error) << answer.body;
-    };
-    expectError(call("POST", "/ingest", {{"text", "x"}}), 400, "Missing 'source' field");
-    expectError(call("POST", "/search", {{"top_k", 3}}), 400, "Missing 'query' field");
-    expectError(call("POST", "/embed", json::object()), 400, "Missing 'text' or 'texts' field");
-    expectError(call("GET", "/search"), 405, "Method not allowed");
-    expectError(call("GET", "/nothing-here"), 404, "Vector endpoint not found");
-    expectError(call("DELETE", "/namespaces/acme/none"), 404, "Namespace not found");
-    expectError(call("POST", "/namespaces/acme/..", json::object()), 400,
-                "Failed to create namespace");
-    expectError(call("POST", "/search", {{"query", "x"}, {"filter", {{"k') OR 1=1", "v"}}}}), 400,
-                "Invalid filter key: k') OR 1=1");
-    EXPECT_EQ(request(port_, "POST", kVector + "/search", "not json").status, 400);
+    EXPECT_EQ(call("POST", "/ingest", {{"text", "x"}}).outcome(), "400 Missing 'source' field");
+    EXPECT_EQ(call("POST", "/search", {{"top_k", 3}}).outcome(), "400 Missing 'query' field");
+    EXPECT_EQ(call("POST", "/embed", json::object()).outcome(),
+              "400 Missing 'text' or 'texts' field");
+    EXPECT_EQ(call("GET", "/search").outcome(), "405 Method not allowed");
+    EXPECT_EQ(call("GET", "/nothing-here").outcome(), "404 Vector endpoint not found");
+    EXPECT_EQ(call("DELETE", "/namespaces/acme/none").outcome(), "404 Namespace not found");
+    EXPECT_EQ(call("POST", "/namespaces/acme/..", json::object()).outcome(),
+              "400 Failed to create namespace");
+    EXPECT_EQ(
+        call("POST", "/search", {{"query", "x"}, {"filter", {{"k') OR 1=1", "v"}}}}).outcome(),
+        "400 Invalid filter key: k') OR 1=1");
+    EXPECT_EQ(request(daemon_->port(), "POST", kVector + "/search", "not json").status, 400);
     EXPECT_EQ(call("POST", "/search", json::array()).status, 400);
     EXPECT_EQ(call("POST", "/documents/acme/docs", {{"documents", {{{"content", "hi"}}}}}).status,
               201);
@@ -155,9 +141,7 @@ TEST_F(VectorApi, RequestsItCannotServeGetClearAnswers) {
 TEST_F(VectorApi, ARestartKeepsNamespacesAndDocumentsAndSwitchesTheStoreBackOn) {
     start({{"vector_enabled", true}});
     // Enabled from the daemon's settings; now move to local embeddings.
-    const HttpResponse local = call("PUT", "/config", json{{"embedding", {{"type", 1}}}});
-    ASSERT_EQ(local.status, 200) << local.body;
-    EXPECT_EQ(call("GET", "/health").json()["embedding_provider"], "local");
+    ASSERT_EQ(call("PUT", "/config", json{{"embedding", {{"type", 1}}}}).status, 200);
     ASSERT_EQ(call("POST", "/namespaces/acme/kb", {{"name", "Knowledge"}}).status, 201);
     const HttpResponse added = call("POST", "/ingest",
                                     {{"tenant_id", "acme"},
@@ -172,6 +156,7 @@ TEST_F(VectorApi, ARestartKeepsNamespacesAndDocumentsAndSwitchesTheStoreBackOn) 
     EXPECT_NE(daemon_->stdoutText().find(
                   "[DataDaemon] Auto-enabling vector storage from persisted config"),
               std::string::npos);
+    EXPECT_EQ(call("GET", "/health").json()["embedding_provider"], "local");
     const json namespaces = call("GET", "/namespaces/acme").json()["namespaces"];
     ASSERT_EQ(namespaces.size(), 1u);
     EXPECT_EQ(namespaces[0]["name"], "Knowledge");

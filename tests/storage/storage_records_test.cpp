@@ -1,8 +1,13 @@
-// JSON forms of the storage records and the reading of write bodies.
+// The pure rules and records every backend shares: path confinement, globs,
+// content types, checksums, the JSON forms of results and tenants, and the
+// reading of write bodies. Listing order is checked through both backends.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
+#include "storage/checksum.h"
+#include "storage/content_type.h"
+#include "storage/path_rules.h"
 #include "storage/storage_requests.h"
 #include "storage/storage_result.h"
 #include "storage/tenant_config.h"
@@ -12,34 +17,69 @@ namespace {
 
 using nlohmann::json;
 
-TEST(StorageResultJson, WritesOptionalKeysOnlyWhenTheyCarrySomething) {
-    StorageResult empty;
-    EXPECT_EQ(empty.toJson(), (json{{"success", false}, {"error", ""}}));
+TEST(SanitizePath, DropsDotsAndLeadingSlashesWithoutResolving) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"/a/b.txt", "a/b.txt"},
+        {"a/./b.txt", "a/b.txt"},
+        {"a/../b.txt", "a/b.txt"},
+        {"a/../a/b.txt", "a/a/b.txt"},
+        {"../../etc/passwd", "etc/passwd"},
+        {"a//b/", "a/b"},
+        {"///", ""},
+        {"..", ""},
+        {"..a/b..", "..a/b.."},
+    };
+    for (const auto& [in, out] : cases)
+        EXPECT_EQ(sanitizePath(in), out) << in;
+}
 
+TEST(MatchesPattern, IsAWholeNameGlobWithLiteralDots) {
+    const std::tuple<const char*, const char*, bool> cases[] = {
+        {"a.json", "*.json", true},     {"a.json.bak", "*.json", false},
+        {"aXjson", "a.json", false},    {"ab.c", "a?.c", true},
+        {"a.c", "a?.c", false},         {"xaybzb", "*a*b", true},
+        {"xaybz", "*a*b", false},       {"", "*", true},
+        {"a+(b)[1]", "a+(b)[1]", true},  // no regex syntax leaks through
+    };
+    for (const auto& [name, pattern, matches] : cases)
+        EXPECT_EQ(matchesPattern(name, pattern), matches) << name << " ~ " << pattern;
+}
+
+TEST(ContentType, FullTableIsCaseBlindAndBasicTableIsShorter) {
+    EXPECT_EQ(detectContentType("notes.MD"), "text/markdown");
+    EXPECT_EQ(detectContentType("dir.json/data.yml"), "application/x-yaml");
+    EXPECT_EQ(detectContentType("archive.tar.gz"), "application/gzip");
+    EXPECT_EQ(detectContentType("Makefile"), "application/octet-stream");
+    EXPECT_EQ(detectBasicContentType("photo.JPEG"), "image/jpeg");
+    EXPECT_EQ(detectBasicContentType("notes.md"), "application/octet-stream");
+    EXPECT_TRUE(isValidContentType("text/plain; charset=utf-8"));
+    EXPECT_FALSE(isValidContentType("text/plain\r\nSet-Cookie: a=b"));
+}
+
+TEST(Checksum, IsLowerCaseHexSha256) {
+    EXPECT_EQ(calculateChecksum(""),
+              "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(calculateChecksum(std::string("a\0b", 3)),
+              "59b271ae1bbcb1d31d41929817f4b16fb439eb4f31520b5ad1d5ce98920a7138");
+}
+
+TEST(StorageResultJson, WritesOptionalKeysOnlyWhenTheyCarrySomethingAndTimesInMilliseconds) {
+    EXPECT_EQ(StorageResult{}.toJson(), (json{{"success", false}, {"error", ""}}));
     StorageResult full;
-    full.success = true;
-    FileEntry entry;
-    entry.modified_at = std::chrono::system_clock::time_point(std::chrono::nanoseconds(2'999'999));
-    entry.metadata = {{"k", "v"}};
-    full.entry = entry;
-    full.entries = {entry};
-    full.data = "x";
-    full.bytes_written = 1;
+    full.entry.emplace().modified_at =
+        std::chrono::system_clock::time_point(std::chrono::nanoseconds(2'999'999));
     full.bytes_read = 2;
     full.refused = true;
     const json out = full.toJson();
-    EXPECT_EQ(out["entry"]["modified_at"], 2);  // milliseconds, truncated
-    EXPECT_EQ(out["entry"]["metadata"], (json{{"k", "v"}}));
-    EXPECT_EQ(out["entries"].size(), 1u);
-    EXPECT_EQ(out["data"], "x");
+    EXPECT_EQ(out["entry"]["modified_at"], 2);  // truncated
     EXPECT_EQ(out["bytes_read"], 2);
-    EXPECT_FALSE(out.contains("refused"));
+    EXPECT_EQ(out.size(), 4u) << out.dump();  // no "refused", nothing empty
 }
 
-TEST(TenantConfigJson, QuotaInGibWinsAndRoundsDownOnTheWayOut) {
-    const TenantConfig both =
-        TenantConfig::fromJson({{"id", "t"}, {"storage_quota_gb", 2}, {"storage_quota_bytes", 5}});
-    EXPECT_EQ(both.storage_quota_bytes, 2147483648);
+TEST(TenantConfigJson, QuotaInGibWinsRoundsDownOnTheWayOutAndSaturates) {
+    EXPECT_EQ(TenantConfig::fromJson({{"storage_quota_gb", 2}, {"storage_quota_bytes", 5}})
+                  .storage_quota_bytes,
+              2147483648);
     EXPECT_EQ(
         TenantConfig::fromJson({{"storage_quota_bytes", 1073741823}}).toJson()["storage_quota_gb"],
         0);
@@ -49,30 +89,12 @@ TEST(TenantConfigJson, QuotaInGibWinsAndRoundsDownOnTheWayOut) {
     EXPECT_THROW(TenantConfig::fromJson({{"enabled", "yes"}}), json::type_error);
 }
 
-TEST(TenantConfigJson, NeverWritesApiKeys) {
-    const TenantConfig tenant =
-        TenantConfig::fromJson({{"id", "t"}, {"api_keys", {"secret"}}, {"enabled", true}});
-    EXPECT_EQ(tenant.api_keys, std::vector<std::string>{"secret"});
-    const json out = tenant.toJson();
-    EXPECT_FALSE(out.contains("api_keys"));
-    EXPECT_EQ(out.size(), 12u);
-    EXPECT_EQ(TenantConfig::fromJson(out).enabled, true);
-}
-
-TEST(WriteBody, StoresDataAloneOrTheRawBody) {
-    StorageWriteRequest object;
-    EXPECT_EQ(object.readBody(R"({"data":"x","content_type":"text/x","metadata":{"k":"v"}})"), "");
-    EXPECT_EQ(object.data, "x");
-    EXPECT_EQ(object.content_type, "text/x");
-    EXPECT_EQ(object.metadata.at("k"), "v");
-
-    for (const char* raw : {"not json {", R"(["data","x"])", R"({"other":1})", ""}) {
-        StorageWriteRequest request;
-        EXPECT_EQ(request.readBody(raw), "");
-        EXPECT_EQ(request.data, raw);
-    }
-    StorageWriteRequest typed;
-    EXPECT_NE(typed.readBody(R"({"data":"x","metadata":{"k":1}})"), "");
+// Objects with "data", arrays and text that is not JSON are checked over HTTP.
+TEST(WriteBody, TakesAnObjectWithoutDataRawButRefusesMistypedMembers) {
+    StorageWriteRequest request;
+    EXPECT_EQ(request.readBody(R"({"other":1})"), "");
+    EXPECT_EQ(request.data, R"({"other":1})");
+    EXPECT_NE(request.readBody(R"({"data":"x","metadata":{"k":1}})"), "");
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 
 #include <sys/types.h>
 
+#include <functional>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -17,6 +19,9 @@ int freePort();
 std::string makeTempDir(const std::string& tag = "vostra");
 void removeTree(const std::string& path);
 
+// Asks `done` every 20 ms until it holds (true) or `timeout_ms` pass (false).
+bool eventually(const std::function<bool()>& done, int timeout_ms = 10000);
+
 struct ProgramRun {
     int exit_status = -1;  // -1 when killed by a signal or timed out
     std::string out;
@@ -26,12 +31,21 @@ struct ProgramRun {
 // Runs the binary with `args` to completion (killed after `timeout_ms`).
 ProgramRun runDaemonBinary(const std::vector<std::string>& args, int timeout_ms = 10000);
 
+// Settings for a daemon started from a configuration file.
+struct ConfigFile {
+    nlohmann::json settings;
+};
+
 class DaemonProcess {
 public:
     // Starts the daemon with "-p <free port> --storage-path <dir>/storage"
     // followed by `extra_args` (later options win). When `wait_ready`, blocks
     // until /health answers or the process dies; check ready().
     explicit DaemonProcess(std::vector<std::string> extra_args = {}, bool wait_ready = true);
+    // Starts it with "--config" alone (some settings have no option), the
+    // file holding the settings plus this daemon's port and, unless given,
+    // its storage and vector paths. Blocks until /health answers.
+    explicit DaemonProcess(const ConfigFile& config);
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;
     DaemonProcess& operator=(const DaemonProcess&) = delete;
@@ -43,18 +57,18 @@ public:
 
     // Polls /health on `port` until it answers 200; false on timeout or exit.
     bool waitReady(int port, int timeout_ms = 10000);
-
     // SIGTERM, then waits up to `timeout_ms`; returns the exit status, or -1
     // when the process had to be killed or died of a signal.
     int stop(int timeout_ms = 5000);
-    // Waits for the process to end by itself.
-    int wait(int timeout_ms);
     bool running();
 
     std::string stdoutText() const;
     std::string stderrText() const;
 
 private:
+    void launch(const std::vector<std::string>& extra_args, const nlohmann::json& config,
+                bool wait_ready);
+
     int port_ = 0;
     pid_t pid_ = -1;
     std::string dir_;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "tests/support/daemon_process.h"
 #include "tests/support/http_test_client.h"
 
 namespace vostra::test {
@@ -39,7 +40,8 @@ FakeHttpServer::~FakeHttpServer() {
         std::lock_guard lock(mutex_);
         clients.swap(clients_);
     }
-    for (auto& client : clients) client.join();
+    for (auto& client : clients)
+        client.join();
 }
 
 void FakeHttpServer::setHandler(Handler handler) {
@@ -47,25 +49,16 @@ void FakeHttpServer::setHandler(Handler handler) {
     handler_ = std::move(handler);
 }
 
-std::vector<RecordedRequest> FakeHttpServer::requests() const {
-    std::lock_guard lock(mutex_);
-    return requests_;
-}
-
 std::vector<RecordedRequest> FakeHttpServer::requestsTo(const std::string& prefix) const {
+    std::lock_guard lock(mutex_);
     std::vector<RecordedRequest> matching;
-    for (auto& request : requests())
+    for (const auto& request : requests_)
         if (request.path.rfind(prefix, 0) == 0) matching.push_back(request);
     return matching;
 }
 
 bool FakeHttpServer::waitFor(const std::string& prefix, std::size_t count, int timeout_ms) const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (requestsTo(prefix).size() >= count) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return eventually([&] { return requestsTo(prefix).size() >= count; }, timeout_ms);
 }
 
 void FakeHttpServer::acceptLoop() {
@@ -92,7 +85,8 @@ void FakeHttpServer::serve(int fd) {
             head_end = raw.find("\r\n\r\n");
             if (head_end == std::string::npos) continue;
             std::string head = raw.substr(0, head_end);
-            for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            for (char& c : head)
+                c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
             std::size_t at = head.find("content-length:");
             if (at != std::string::npos) wanted = std::stoul(head.substr(at + 15));
         }
@@ -112,10 +106,10 @@ void FakeHttpServer::serve(int fd) {
     FakeResponse response = handler(request);
     for (int waited = 0; waited < response.delay_ms && running_; waited += 50)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    std::string wire = "HTTP/1.1 " + std::to_string(response.status) + " X\r\nContent-Type: " +
-                       response.content_type + "\r\nContent-Length: " +
-                       std::to_string(response.body.size()) + "\r\nConnection: close\r\n\r\n" +
-                       response.body;
+    std::string wire = "HTTP/1.1 " + std::to_string(response.status) +
+                       " X\r\nContent-Type: " + response.content_type +
+                       "\r\nContent-Length: " + std::to_string(response.body.size()) +
+                       "\r\nConnection: close\r\n\r\n" + response.body;
     sendAll(fd, wire);
     close(fd);
 }

@@ -39,8 +39,7 @@ public:
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
     void setHandler(Handler handler);
-    std::vector<RecordedRequest> requests() const;
-    // Requests whose path starts with `prefix`.
+    // Requests so far whose path starts with `prefix` ("" for all).
     std::vector<RecordedRequest> requestsTo(const std::string& prefix) const;
     // Waits until `count` requests to `prefix` arrived; false after `timeout_ms`.
     bool waitFor(const std::string& prefix, std::size_t count, int timeout_ms = 10000) const;

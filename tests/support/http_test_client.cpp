@@ -6,29 +6,24 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <chrono>
 
 namespace vostra::test {
 
 int connectTo(int port) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return -1;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
+        return fd;
+    if (fd >= 0) close(fd);
+    return -1;
 }
 
 bool sendAll(int fd, const std::string& bytes) {
-    std::size_t sent = 0;
-    while (sent < bytes.size()) {
+    for (std::size_t sent = 0; sent < bytes.size();) {
         ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (n <= 0) return false;
         sent += static_cast<std::size_t>(n);
@@ -37,16 +32,15 @@ bool sendAll(int fd, const std::string& bytes) {
 }
 
 std::string readAll(int fd, int timeout_ms) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     std::string out;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     char buffer[65536];
     for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0) break;
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         pollfd waiting{fd, POLLIN, 0};
-        if (poll(&waiting, 1, static_cast<int>(left)) <= 0) break;
+        if (left <= 0 || poll(&waiting, 1, static_cast<int>(left)) <= 0) break;
         ssize_t n = recv(fd, buffer, sizeof buffer, 0);
         if (n <= 0) break;
         out.append(buffer, static_cast<std::size_t>(n));
@@ -54,19 +48,9 @@ std::string readAll(int fd, int timeout_ms) {
     return out;
 }
 
-std::string HttpResponse::header(const std::string& name) const {
-    auto lower = [](std::string text) {
-        std::transform(text.begin(), text.end(), text.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        return text;
-    };
-    const std::string wanted = "\r\n" + lower(name) + ":";
-    const std::string head_lower = lower(head);
-    std::size_t at = head_lower.find(wanted);
-    if (at == std::string::npos) return {};
-    std::size_t begin = head.find_first_not_of(' ', at + wanted.size());
-    std::size_t end = head.find("\r\n", begin);
-    return head.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
+std::string HttpResponse::outcome() const {
+    const nlohmann::json j = json();
+    return std::to_string(status) + " " + (j.is_object() ? j.value("error", "") : "");
 }
 
 HttpResponse parseResponse(const std::string& raw) {
@@ -92,7 +76,8 @@ HttpResponse sendRaw(int port, const std::string& bytes, int timeout_ms) {
 HttpResponse request(int port, const std::string& method, const std::string& path,
                      const std::string& body, const std::vector<std::string>& headers) {
     std::string text = method + " " + path + " HTTP/1.1\r\nHost: localhost\r\n";
-    for (const auto& header : headers) text += header + "\r\n";
+    for (const auto& header : headers)
+        text += header + "\r\n";
     text += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
     return sendRaw(port, text);
 }

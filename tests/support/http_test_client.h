@@ -9,23 +9,21 @@
 namespace vostra::test {
 
 struct HttpResponse {
-    int status = 0;  // 0 when nothing (or no status line) came back
-    std::string head;
+    int status = 0;    // 0 when nothing (or no status line) came back
+    std::string head;  // the status and header lines, each ending in "\r\n"
     std::string body;
     std::string raw;
 
     nlohmann::json json() const { return nlohmann::json::parse(body, nullptr, false); }
-    std::string header(const std::string& name) const;
+    // "<status> <the body's "error" text>", to check both in one comparison.
+    std::string outcome() const;
 };
 
 // A connected loopback socket, or -1.
 int connectTo(int port);
-
 // Reads until the peer closes or `timeout_ms` passes.
 std::string readAll(int fd, int timeout_ms = 10000);
-
 bool sendAll(int fd, const std::string& bytes);
-
 HttpResponse parseResponse(const std::string& raw);
 
 // Sends `bytes` on a new connection and returns whatever comes back.
@@ -33,7 +31,6 @@ HttpResponse sendRaw(int port, const std::string& bytes, int timeout_ms = 10000)
 
 // A well-formed request with Content-Length and the given extra header lines.
 HttpResponse request(int port, const std::string& method, const std::string& path,
-                     const std::string& body = "",
-                     const std::vector<std::string>& headers = {});
+                     const std::string& body = "", const std::vector<std::string>& headers = {});
 
 }  // namespace vostra::test

@@ -13,10 +13,13 @@ namespace vostra::test {
 struct TestServer {
     bool available = false;
     int port = 0;
+    std::string type;  // "postgresql" or "mysql"
+
     // A data-source configuration for the test database ("vostra_test", user
     // and password "vostra") with the given id.
     nlohmann::json sourceConfig(const std::string& id) const;
-    std::string type;  // "postgresql" or "mysql"
+    // Whether the server accepts connections right now.
+    bool answers() const;
 };
 
 TestServer postgresServer();
@@ -28,8 +31,5 @@ bool stopPostgres();
 bool startPostgres();
 bool stopMariadb();
 bool startMariadb();
-
-// Runs a shell command; true on exit status 0.
-bool runShell(const std::string& command);
 
 }  // namespace vostra::test

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <random>
 
 #include "tests/support/daemon_process.h"
@@ -29,8 +30,10 @@ VectorDocument doc(const std::string& id, std::vector<float> embedding,
     return d;
 }
 
-std::vector<std::string> ids(const std::vector<VectorSearchResult>& results) {
-    std::vector<std::string> out;
+using Ids = std::vector<std::string>;
+
+Ids ids(const std::vector<VectorSearchResult>& results) {
+    Ids out;
     for (const auto& r : results)
         out.push_back(r.document.id);
     return out;
@@ -38,12 +41,11 @@ std::vector<std::string> ids(const std::vector<VectorSearchResult>& results) {
 
 class BackendTest : public ::testing::Test {
 protected:
-    void open(Kind kind, int32_t threads = 1) {
+    void open(Kind kind) {
         if (dir_.empty()) dir_ = test::makeTempDir("vostra-vector");
-        if (kind == Kind::Memory)
-            backend_ = std::make_unique<MemoryVectorBackend>(threads);
-        else
-            backend_ = std::make_unique<SQLiteVectorBackend>();
+        backend_.reset(kind == Kind::Memory
+                           ? static_cast<IVectorBackend*>(new MemoryVectorBackend(1))
+                           : new SQLiteVectorBackend());
         ASSERT_TRUE(backend_->initialize(path(), "t", "ns", 3));
     }
     void TearDown() override {
@@ -73,17 +75,9 @@ TEST_P(BackendBehaviour, StoredDocumentsReadBackWhole) {
     d.chunk_index = 2;
     d.total_chunks = 7;
     ASSERT_TRUE(backend_->add({d}));
-
     const auto read = backend_->get("a");
     ASSERT_TRUE(read);
-    EXPECT_EQ(read->content, d.content);
-    EXPECT_EQ(read->source, "file.md");
-    EXPECT_EQ(read->namespace_id, "ns");
-    EXPECT_EQ(read->metadata, d.metadata);
-    EXPECT_EQ(read->created_at, d.created_at);
-    EXPECT_EQ(read->updated_at, d.updated_at);
-    EXPECT_EQ(read->chunk_index, 2);
-    EXPECT_EQ(read->total_chunks, 7);
+    EXPECT_EQ(read->toJson(), d.toJson());
     EXPECT_EQ(read->embedding, d.embedding);
     EXPECT_FALSE(backend_->get("missing"));
 }
@@ -96,43 +90,38 @@ TEST_P(BackendBehaviour, ReAddingAnIdReplacesItAndKeepsTheCount) {
     EXPECT_EQ(backend_->count(), 2u);
     EXPECT_EQ(backend_->get("a")->content, "new");
     EXPECT_EQ(backend_->get("a")->embedding, (std::vector<float>{0, 0, 1, 5}));
-    EXPECT_EQ(ids(search({0, 0, 1, 5})), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(ids(search({0, 0, 1, 5})), (Ids{"a", "b"}));
 }
 
 TEST_P(BackendBehaviour, RanksByCosineAndHonoursTopK) {
     ASSERT_TRUE(backend_->add(
         {doc("far", {0.2f, 1, 0}), doc("near", {1, 0.1f, 0}), doc("mid", {1, 1, 0})}));
     const auto results = search({1, 0, 0});
-    ASSERT_EQ(ids(results), (std::vector<std::string>{"near", "mid", "far"}));
-    for (const auto& r : results) {
-        EXPECT_FLOAT_EQ(r.distance, 1.0f - r.score);
-        EXPECT_EQ(r.document.embedding.size(), 3u);
-    }
+    ASSERT_EQ(ids(results), (Ids{"near", "mid", "far"}));
     EXPECT_NEAR(results[1].score, 0.70710677f, 1e-6);
-    EXPECT_EQ(ids(search({1, 0, 0}, 2)), (std::vector<std::string>{"near", "mid"}));
+    EXPECT_FLOAT_EQ(results[1].distance, 1.0f - results[1].score);
+    EXPECT_EQ(results[1].document.embedding.size(), 3u);
+    EXPECT_EQ(ids(search({1, 0, 0}, 2)), (Ids{"near", "mid"}));
     EXPECT_TRUE(search({1, 0, 0}, 0).empty());
     EXPECT_TRUE(search({1, 0, 0}, -3).empty());
 }
 
-TEST_P(BackendBehaviour, OppositeVectorsNeedAMinScoreOfMinusOne) {
+TEST_P(BackendBehaviour, OppositeVectorsNeedAMinScoreOfMinusOneAndOddOnesScoreZero) {
     ASSERT_TRUE(backend_->add({doc("opposite", {-1, -2, -3})}));
     EXPECT_TRUE(search({1, 2, 3}).empty());
     const auto results = search({1, 2, 3}, 10, -1.0f);
     ASSERT_EQ(results.size(), 1u);
     EXPECT_FLOAT_EQ(results[0].score, -1.0f);
     EXPECT_FLOAT_EQ(results[0].distance, 2.0f);
-    EXPECT_EQ(search({1, 2, 3}, 10, -5.0f).size(), 1u);
-}
 
-TEST_P(BackendBehaviour, VectorsOfAnotherLengthOrZeroScoreZero) {
+    backend_->clear();
     ASSERT_TRUE(
         backend_->add({doc("short", {1, 0}), doc("zero", {0, 0, 0}), doc("ok", {1, 0, 0})}));
-    const auto results = search({1, 0, 0});
-    ASSERT_EQ(results.size(), 3u);
-    EXPECT_EQ(results[0].document.id, "ok");
-    EXPECT_EQ(results[1].score, 0.0f);
-    EXPECT_EQ(results[2].score, 0.0f);
-    EXPECT_EQ(ids(search({1, 0, 0}, 10, 0.01f)), (std::vector<std::string>{"ok"}));
+    const auto scored = search({1, 0, 0});
+    ASSERT_EQ(ids(scored).front(), "ok");
+    EXPECT_EQ(scored.at(1).score, 0.0f);
+    EXPECT_EQ(scored.at(2).score, 0.0f);
+    EXPECT_EQ(ids(search({1, 0, 0}, 10, 0.01f)), (Ids{"ok"}));
 }
 
 TEST_P(BackendBehaviour, FilterNeedsEveryPairAndAMissingKeyExcludes) {
@@ -140,28 +129,25 @@ TEST_P(BackendBehaviour, FilterNeedsEveryPairAndAMissingKeyExcludes) {
                                doc("de", {1, 0, 0}, "s", {{"lang", "de"}, {"kind", "faq"}}),
                                doc("bare", {1, 0, 0})}));
     EXPECT_EQ(search({1, 0, 0}).size(), 3u);
-    EXPECT_EQ(ids(search({1, 0, 0}, 10, 0, {{"lang", "en"}})), (std::vector<std::string>{"en"}));
+    EXPECT_EQ(ids(search({1, 0, 0}, 10, 0, {{"lang", "en"}})), (Ids{"en"}));
     EXPECT_EQ(search({1, 0, 0}, 10, 0, {{"kind", "faq"}}).size(), 2u);
     EXPECT_TRUE(search({1, 0, 0}, 10, 0, {{"lang", "en"}, {"kind", "howto"}}).empty());
     EXPECT_TRUE(search({1, 0, 0}, 10, 0, {{"owner", "x"}}).empty());
     // A quote in a value is data, not statement text.
     ASSERT_TRUE(backend_->add({doc("quoted", {1, 0, 0}, "s", {{"title", "it's"}})}));
-    EXPECT_EQ(ids(search({1, 0, 0}, 10, 0, {{"title", "it's"}})),
-              (std::vector<std::string>{"quoted"}));
+    EXPECT_EQ(ids(search({1, 0, 0}, 10, 0, {{"title", "it's"}})), (Ids{"quoted"}));
 }
 
 TEST_P(BackendBehaviour, RemovesByIdAndBySourceAndListsSources) {
     ASSERT_TRUE(backend_->add({doc("a", {1, 0, 0}, "b.md"), doc("b", {0, 1, 0}, "a.md"),
                                doc("c", {0, 0, 1}, "b.md"), doc("d", {1, 1, 1}, "c.md")}));
-    EXPECT_EQ(backend_->listSources(), (std::vector<std::string>{"a.md", "b.md", "c.md"}));
+    EXPECT_EQ(backend_->listSources(), (Ids{"a.md", "b.md", "c.md"}));
     EXPECT_EQ(backend_->removeBySource("b.md"), 2u);
     EXPECT_EQ(backend_->removeBySource("b.md"), 0u);
     EXPECT_TRUE(backend_->remove({"d", "never-stored"}));
-    EXPECT_EQ(backend_->count(), 1u);
-    EXPECT_EQ(ids(search({0, 1, 0})), (std::vector<std::string>{"b"}));
+    EXPECT_EQ(ids(search({0, 1, 0})), (Ids{"b"}));
     backend_->clear();
     EXPECT_EQ(backend_->count(), 0u);
-    EXPECT_TRUE(search({0, 1, 0}).empty());
     EXPECT_TRUE(backend_->listSources().empty());
 }
 
@@ -180,12 +166,11 @@ TEST_P(BackendBehaviour, ManyReplacementsAndRemovalsKeepVectorsApart) {
             ASSERT_TRUE(
                 backend_->add({doc("d" + std::to_string(i), {float(i), 1, 0, float(round)})}));
     }
-    for (int i = 0; i < 50; ++i) {
-        const auto read = backend_->get("d" + std::to_string(i));
-        if (!read) continue;
-        EXPECT_EQ(read->embedding[0], float(i));
-        EXPECT_EQ(read->embedding.size(), i % 2 == 0 ? 4u : 3u);
-    }
+    // Every id was removed once; the even ones came back after each removal.
+    EXPECT_EQ(backend_->count(), 25u);
+    for (int i = 0; i < 50; i += 2)
+        EXPECT_EQ(backend_->get("d" + std::to_string(i)).value().embedding,
+                  (std::vector<float>{float(i), 1, 0, 2}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, BackendBehaviour, ::testing::Values(Kind::Memory, Kind::SQLite),
@@ -251,15 +236,6 @@ TEST_F(BackendTest, SQLiteStoresVectorsAsRawLittleEndianFloatsBitForBit) {
     EXPECT_EQ(std::memcmp(read->embedding.data(), vector.data(), 3072), 0);
 }
 
-TEST_F(BackendTest, SQLiteDocumentsSurviveReopening) {
-    open(Kind::SQLite);
-    ASSERT_TRUE(backend_->add({doc("a", {1, 0, 0}, "x.md", {{"k", "v"}})}));
-    open(Kind::SQLite);
-    EXPECT_EQ(backend_->count(), 1u);
-    EXPECT_EQ(backend_->get("a")->metadata.at("k"), "v");
-    EXPECT_EQ(ids(search({1, 0, 0})), (std::vector<std::string>{"a"}));
-}
-
 TEST_F(BackendTest, SQLiteTextSearchFindsContentOrMetadataIgnoringCase) {
     open(Kind::SQLite);
     VectorDocument body = doc("body", {1, 0, 0});
@@ -271,11 +247,11 @@ TEST_F(BackendTest, SQLiteTextSearchFindsContentOrMetadataIgnoringCase) {
     auto found = backend_->textSearch("quick", 10, "");
     std::sort(found.begin(), found.end(),
               [](const auto& a, const auto& b) { return a.document.id < b.document.id; });
-    ASSERT_EQ(ids(found), (std::vector<std::string>{"body", "tagged"}));
+    ASSERT_EQ(ids(found), (Ids{"body", "tagged"}));
     EXPECT_TRUE(found[0].document.embedding.empty());
     EXPECT_EQ(backend_->textSearch("quick", 1, "").size(), 1u);
     EXPECT_TRUE(backend_->textSearch("quick", 0, "").empty());
-    EXPECT_EQ(ids(backend_->textSearch("ada", 10, "author")), (std::vector<std::string>{"tagged"}));
+    EXPECT_EQ(ids(backend_->textSearch("ada", 10, "author")), (Ids{"tagged"}));
     EXPECT_TRUE(backend_->textSearch("fox", 10, "author").empty());
 }
 
@@ -287,9 +263,7 @@ TEST_F(BackendTest, SQLiteRefusesMetadataKeysThatAreNotPlainNames) {
         EXPECT_FALSE(SQLiteVectorBackend::isUsableMetadataKey(key)) << key;
         EXPECT_TRUE(search({1, 0, 0}, 10, 0, {{key, "v"}}).empty()) << key;
         // An empty field means no field at all in a text search.
-        if (*key) {
-            EXPECT_TRUE(backend_->textSearch("v", 10, key).empty()) << key;
-        }
+        EXPECT_TRUE(!*key || backend_->textSearch("v", 10, key).empty()) << key;
     }
     EXPECT_EQ(search({1, 0, 0}, 10, 0, {{"x", "v"}}).size(), 1u);
 }

@@ -25,22 +25,20 @@ TEST_P(VectorConcurrency, RacingRequestsKeepEveryDocument) {
     VectorStorageService service;
     ASSERT_TRUE(service.initialize(config));
 
-    constexpr int kWriters = 3;
-    constexpr int kRounds = 40;
-    std::atomic<bool> failed{false};
+    constexpr int kWriters = 3, kRounds = 40;
+    std::atomic<int> failures{0};
     std::vector<std::thread> threads;
     for (int w = 0; w < kWriters; ++w)
         threads.emplace_back([&, w] {
+            VectorSearchRequest search;
+            search.tenant_id = "t";
+            search.namespace_id = "shared";
             for (int i = 0; i < kRounds; ++i) {
                 const std::string source = "w" + std::to_string(w) + "-" + std::to_string(i);
-                if (!service.addText("t", "shared", "Text number " + source + ".", source, {})
-                         .success)
-                    failed = true;
-                VectorSearchRequest search;
-                search.tenant_id = "t";
-                search.namespace_id = "shared";
                 search.query = "number " + source;
-                if (!service.search(search).success) failed = true;
+                failures +=
+                    !service.addText("t", "shared", "Text " + source + ".", source, {}).success;
+                failures += !service.search(search).success;
             }
         });
     threads.emplace_back([&] {
@@ -52,9 +50,9 @@ TEST_P(VectorConcurrency, RacingRequestsKeepEveryDocument) {
         }
     });
     threads.emplace_back([&] {
+        // Same vectors either way; only the provider object changes.
         EmbeddingConfig embedding = config.embedding;
         for (int i = 0; i < kRounds; ++i) {
-            // Same vectors either way; only the provider object changes.
             embedding.batch_size = 1 + i % 2;
             service.updateEmbeddingConfig(embedding);
             service.getMetrics();
@@ -63,7 +61,7 @@ TEST_P(VectorConcurrency, RacingRequestsKeepEveryDocument) {
     for (std::thread& thread : threads)
         thread.join();
 
-    EXPECT_FALSE(failed.load());
+    EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(service.listSources("t", "shared").size(), size_t{kWriters * kRounds});
     service.shutdown();
     test::removeTree(dir);
