@@ -9,6 +9,6 @@ cmake -S "$root" -B "$root/build/release" -G Ninja -DCMAKE_BUILD_TYPE=Release -D
 cmake --build "$root/build/release" --target vostra-datad -j "$(nproc)"
 
 mkdir -p "$root/var/storage" "$root/var/data"
-echo "vostra-datad listens on http://0.0.0.0:8892 (try: curl http://localhost:8892/health)"
+echo "vostra-datad listens on http://0.0.0.0:8892 unless -p or --config says otherwise (try: curl http://localhost:8892/health)"
 exec "$root/build/release/daemon/vostra-datad" \
   --storage-path "$root/var/storage" --data-dir "$root/var/data" "$@"
