@@ -432,18 +432,29 @@ StorageResult FilesystemBackend::remove(const std::string& tenant, const std::st
     return result;
 }
 
+std::optional<StorageResult> FilesystemBackend::resolveTransfer(const std::string& tenant,
+                                                               const std::string& from,
+                                                               const std::string& to,
+                                                               Transfer& out) const {
+    out.from_rel = sanitizePath(from);
+    out.to_rel = sanitizePath(to);
+    if (auto refused = refuseLinks(tenant, out.from_rel, from)) return refused;
+    if (auto refused = refuseLinks(tenant, out.to_rel, to)) return refused;
+    out.source = buildPath(tenant, out.from_rel);
+    out.target = buildPath(tenant, out.to_rel);
+    std::error_code error;
+    out.status = fs::symlink_status(out.source, error);
+    if (!fs::exists(out.status)) return StorageResult::failure("Source path not found: " + from);
+    return std::nullopt;
+}
+
 StorageResult FilesystemBackend::move(const std::string& tenant, const std::string& from,
                                       const std::string& to) {
     std::lock_guard lock(mutex_);
-    const std::string from_rel = sanitizePath(from);
-    const std::string to_rel = sanitizePath(to);
-    if (auto refused = refuseLinks(tenant, from_rel, from)) return *refused;
-    if (auto refused = refuseLinks(tenant, to_rel, to)) return *refused;
-    const fs::path source = buildPath(tenant, from_rel);
-    const fs::path target = buildPath(tenant, to_rel);
+    Transfer transfer;
+    if (auto failed = resolveTransfer(tenant, from, to, transfer)) return *failed;
+    const auto& [from_rel, to_rel, source, target, status] = transfer;
     std::error_code error;
-    const fs::file_status status = fs::symlink_status(source, error);
-    if (!fs::exists(status)) return StorageResult::failure("Source path not found: " + from);
     if (!ensureParentDirs(target))
         return StorageResult::failure("Failed to create parent directories");
 
@@ -466,15 +477,10 @@ StorageResult FilesystemBackend::move(const std::string& tenant, const std::stri
 StorageResult FilesystemBackend::copy(const std::string& tenant, const std::string& from,
                                       const std::string& to) {
     std::lock_guard lock(mutex_);
-    const std::string from_rel = sanitizePath(from);
-    const std::string to_rel = sanitizePath(to);
-    if (auto refused = refuseLinks(tenant, from_rel, from)) return *refused;
-    if (auto refused = refuseLinks(tenant, to_rel, to)) return *refused;
-    const fs::path source = buildPath(tenant, from_rel);
-    const fs::path target = buildPath(tenant, to_rel);
+    Transfer transfer;
+    if (auto failed = resolveTransfer(tenant, from, to, transfer)) return *failed;
+    const auto& [from_rel, to_rel, source, target, status] = transfer;
     std::error_code error;
-    const fs::file_status status = fs::symlink_status(source, error);
-    if (!fs::exists(status)) return StorageResult::failure("Source path not found: " + from);
 
     if (fs::is_directory(status)) {
         // A copy into its own subtree would keep finding what it just made.

@@ -73,6 +73,19 @@ private:
     std::optional<StorageResult> refuseLinks(const std::string& tenant,
                                              const std::string& sanitized,
                                              const std::string& shown) const;
+    // Source and target of a move or copy, both checked for links.
+    struct Transfer {
+        std::string from_rel;
+        std::string to_rel;
+        std::filesystem::path source;
+        std::filesystem::path target;
+        std::filesystem::file_status status;  // of the source, not following links
+    };
+    // The failure to answer when the source is missing or either path is
+    // refused; otherwise fills `out`. Caller holds mutex_.
+    std::optional<StorageResult> resolveTransfer(const std::string& tenant,
+                                                 const std::string& from,
+                                                 const std::string& to, Transfer& out) const;
     // The entry of an existing file or directory; content type, checksum and
     // metadata from the sidecar when `with_sidecar` and one exists.
     FileEntry describe(const std::filesystem::path& full, const std::string& sanitized,
