@@ -1,13 +1,9 @@
 #include "connectors/data_source_registry.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "common/atomic_file.h"
 #include "common/json_fields.h"
 #include "common/log.h"
 #include "connectors/connection_pool.h"
@@ -21,28 +17,6 @@ namespace {
 constexpr vostra::Log kLog("[DataDaemon] ");
 constexpr int kTestTimeoutMs = 5000;
 constexpr int kCatalogTimeoutMs = 30000;
-
-// Writes `text` to `path` through a temporary file and a rename, so a crash
-// leaves either the old file or the new one, never half of one.
-bool writeFileAtomically(const std::string& path, const std::string& text, mode_t mode) {
-    const std::string temporary = path + ".tmp";
-    int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0) return false;
-    fchmod(fd, mode);  // an older temporary may have had other permissions
-    std::size_t written = 0;
-    while (written < text.size()) {
-        ssize_t n = write(fd, text.data() + written, text.size() - written);
-        if (n <= 0) break;
-        written += static_cast<std::size_t>(n);
-    }
-    const bool ok = written == text.size() && fsync(fd) == 0;
-    close(fd);
-    if (!ok || std::rename(temporary.c_str(), path.c_str()) != 0) {
-        unlink(temporary.c_str());
-        return false;
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -349,8 +323,9 @@ void DataSourceRegistry::save() const {
         all.push_back(entry.second.config->toJson());
     for (const auto& entry : dormant_)
         all.push_back(entry.second.toJson());
-    if (!writeFileAtomically(state_file_, all.dump(2), 0600))
-        kLog.error("Failed to save data sources to ", state_file_);
+    // 0600: the file holds the sources' passwords.
+    if (const Status saved = writeFileAtomically(state_file_, all.dump(2), 0600); !saved)
+        kLog.error("Failed to save data sources: ", saved.message);
 }
 
 }  // namespace vostra::data

@@ -2,13 +2,12 @@
 // heartbeat and resource sync of the heartbeat loop, and the
 // cluster-resources route.
 #include <nlohmann/json.hpp>
-#include <shared_mutex>
 
+#include "cluster/cluster_discovery.h"
+#include "cluster/controller_client.h"
 #include "common/log.h"
 #include "connectors/data_source_registry.h"
-#include "daemon/cluster_discovery.h"
 #include "daemon/command_line.h"
-#include "daemon/controller_client.h"
 #include "daemon/data_daemon.h"
 #include "daemon/http_message.h"
 #include "daemon/identity.h"
@@ -20,13 +19,6 @@ namespace vostra::data {
 namespace {
 
 constexpr vostra::Log kLog("[DataDaemon] ");
-
-uint64_t unsignedOf(const nlohmann::json& object, const char* key) {
-    auto it = object.find(key);
-    if (it == object.end() || !it->is_number()) return 0;
-    return it->is_number_unsigned() ? it->get<uint64_t>()
-                                    : static_cast<uint64_t>(std::max<int64_t>(0, it->get<int64_t>()));
-}
 
 }  // namespace
 
@@ -58,11 +50,8 @@ nlohmann::json DataDaemon::registrationBody() const {
 }
 
 nlohmann::json DataDaemon::heartbeatBody() const {
-    nlohmann::json storage_metrics = nlohmann::json::object();
-    {
-        std::shared_lock lock(storage_mutex_);
-        if (storage_) storage_metrics = storage_->getMetrics();
-    }
+    const StorageService::Figures storage =
+        storage_.with([](StorageService& s) { return s.figures(); }, StorageService::Figures{});
     nlohmann::json sources = nlohmann::json::array();
     for (const auto& status : registry_->listDataSources()) sources.push_back(status.toJson());
     const RegistryCounters& counters = registry_->counters();
@@ -82,8 +71,8 @@ nlohmann::json DataDaemon::heartbeatBody() const {
         {"nfs_port", config_.nfs_port},
         {"url", "http://" + ip_address_ + ":" + std::to_string(config_.port)},
         {"storage_capacity_bytes", getStorageCapacityBytes(config_.storage_path)},
-        {"storage_used_bytes", unsignedOf(storage_metrics, "bytes_written")},
-        {"tenant_count", unsignedOf(storage_metrics, "tenant_count")},
+        {"storage_used_bytes", static_cast<uint64_t>(std::max<int64_t>(0, storage.bytes_written))},
+        {"tenant_count", storage.tenant_count},
     };
 }
 
@@ -104,21 +93,24 @@ void DataDaemon::deregisterFromController() {
 void DataDaemon::syncClusterResources() {
     if (!discovery_->isConfigured() || !discovery_->sync()) return;
 
-    std::shared_lock lock(vector_mutex_);
-    if (!vector_) return;
-    EmbeddingConfig embedding = vector_->getConfig().embedding;
-    // Only a store still pointed at the built-in local address is redirected;
-    // one an operator configured keeps its provider.
-    if (!embedding.url.empty() && embedding.url != EmbeddingConfig{}.url) return;
-    const std::string url = discovery_->getBestEmbeddingUrl();
-    if (url.empty() || url == embedding.url) return;
+    vector_.with(
+        [&](VectorStorageService& vector) {
+            EmbeddingConfig embedding = vector.getConfig().embedding;
+            // Only a store still pointed at the built-in local address is
+            // redirected; one an operator configured keeps its provider.
+            if (!embedding.url.empty() && embedding.url != EmbeddingConfig{}.url) return;
+            const std::string url = discovery_->getBestEmbeddingUrl();
+            if (url.empty() || url == embedding.url) return;
 
-    const std::vector<std::string> models = discovery_->getEmbeddingModels(url);
-    embedding.url = url;
-    embedding.model = models.empty() ? EmbeddingConfig{}.model : models.front();
-    kLog.info("Auto-discovered embedding provider: ", url, " (model: ", embedding.model, ")");
-    // The store keeps its path and documents; only the provider changes.
-    vector_->updateEmbeddingConfig(embedding);
+            const std::vector<std::string> models = discovery_->getEmbeddingModels(url);
+            embedding.url = url;
+            embedding.model = models.empty() ? EmbeddingConfig{}.model : models.front();
+            kLog.info("Auto-discovered embedding provider: ", url, " (model: ", embedding.model,
+                      ")");
+            // The store keeps its path and documents; only the provider changes.
+            vector.updateEmbeddingConfig(embedding);
+        },
+        [] {});
 }
 
 void DataDaemon::handleClusterResources(const HttpRequest& request) {

@@ -7,31 +7,96 @@
 #include "connectors/data_source_registry.h"
 #include "daemon/data_daemon.h"
 #include "daemon/http_message.h"
-#include "daemon/route_paths.h"
+#include "daemon/json_body.h"
+#include "daemon/route_table.h"
 
 namespace vostra::data {
 namespace {
 
-constexpr std::string_view kSourcesPrefix = "/api/v1/data/sources/";
-
-// Reads the body into a record with its fromJson. A body that is not JSON,
-// or a key of the wrong type, is answered 400 with the parser's message.
-template <typename Record>
-bool parseRecord(const HttpRequest& request, Record& out) {
-    try {
-        out = Record::fromJson(nlohmann::json::parse(request.body));
-        return true;
-    } catch (const nlohmann::json::exception& error) {
-        sendError(request.fd, 400, error.what());
-        return false;
-    }
-}
+constexpr const char* kSourceNotFound = "Data source not found";
 
 void sendResult(int fd, const QueryResult& result) {
     sendJson(fd, result.success ? 200 : 500, result.toJson());
 }
 
+void listSources(DataSourceRegistry& registry, const HttpRequest& request, const RouteParams&) {
+    nlohmann::json all = nlohmann::json::array();
+    for (const auto& status : registry.listDataSources()) all.push_back(status.toJson());
+    sendJson(request.fd, 200, all);
+}
+
+void addSource(DataSourceRegistry& registry, const HttpRequest& request, const RouteParams&) {
+    const auto config = readJsonBody<DataSourceConfig>(request);
+    if (!config) return;
+    if (!registry.addDataSource(*config)) {
+        sendError(request.fd, 400, "Failed to add data source");
+        return;
+    }
+    sendJson(request.fd, 201, {{"status", "created"}, {"id", config->id}});
+}
+
+void getSource(DataSourceRegistry& registry, const HttpRequest& request,
+               const RouteParams& params) {
+    const std::string id = params.get("id");
+    if (!registry.hasDataSource(id))
+        sendError(request.fd, 404, kSourceNotFound);
+    else
+        sendJson(request.fd, 200, registry.getDataSourceStatus(id).toJson());
+}
+
+void deleteSource(DataSourceRegistry& registry, const HttpRequest& request,
+                  const RouteParams& params) {
+    if (registry.removeDataSource(params.get("id")))
+        sendJson(request.fd, 200, {{"status", "deleted"}});
+    else
+        sendError(request.fd, 404, kSourceNotFound);
+}
+
+void getSchema(DataSourceRegistry& registry, const HttpRequest& request,
+               const RouteParams& params) {
+    sendJson(request.fd, 200, registry.getSchema(params.get("id")).toJson());
+}
+
+void getTables(DataSourceRegistry& registry, const HttpRequest& request,
+               const RouteParams& params) {
+    sendJson(request.fd, 200, registry.getTables(params.get("id")));
+}
+
+void testSource(DataSourceRegistry& registry, const HttpRequest& request,
+                const RouteParams& params) {
+    sendJson(request.fd, 200,
+             {{"status", registry.testDataSource(params.get("id")) ? "ok" : "failed"}});
+}
+
+void runQuery(DataSourceRegistry& registry, const HttpRequest& request, const RouteParams&) {
+    if (const auto query = readJsonBody<QueryRequest>(request))
+        sendResult(request.fd, registry.executeQuery(*query));
+}
+
+void runStatement(DataSourceRegistry& registry, const HttpRequest& request, const RouteParams&) {
+    if (const auto statement = readJsonBody<ExecuteRequest>(request))
+        sendResult(request.fd, registry.executeStatement(*statement));
+}
+
+constexpr ServiceRoute<DataSourceRegistry> kDataRoutes[] = {
+    {"GET", "/api/v1/data/sources", listSources},
+    {"POST", "/api/v1/data/sources", addSource},
+    {"GET", "/api/v1/data/sources/{id}", getSource},
+    {"DELETE", "/api/v1/data/sources/{id}", deleteSource},
+    {"GET", "/api/v1/data/sources/{id}/schema", getSchema},
+    {"GET", "/api/v1/data/sources/{id}/tables", getTables},
+    {"POST", "/api/v1/data/sources/{id}/test", testSource},
+    // Any other sub-path: "Not found" to a GET, "Method not allowed" otherwise.
+    {"GET", "/api/v1/data/sources/{id}/{rest*}", nullptr},
+    {"POST", "/api/v1/data/query", runQuery},
+    {"POST", "/api/v1/data/execute", runStatement},
+};
+
 }  // namespace
+
+void DataDaemon::handleDataApi(const HttpRequest& request) {
+    serveRoutes(*registry_, kDataRoutes, request, "Not found");
+}
 
 bool DataDaemon::addDataSource(const DataSourceConfig& config) {
     return registry_->addDataSource(config);
@@ -63,78 +128,6 @@ std::vector<std::map<std::string, std::string>> DataDaemon::agentStorageQuery(
 bool DataDaemon::agentStorageExecute(const std::string& sql,
                                      const std::vector<std::string>& params) {
     return agent_storage_->execute(sql, params);
-}
-
-void DataDaemon::handleSources(const HttpRequest& request) {
-    if (request.method == "GET") {
-        nlohmann::json all = nlohmann::json::array();
-        for (const auto& status : listDataSources()) all.push_back(status.toJson());
-        sendJson(request.fd, 200, all);
-        return;
-    }
-    if (request.method != "POST") {
-        sendError(request.fd, 405, "Method not allowed");
-        return;
-    }
-    DataSourceConfig config;
-    if (!parseRecord(request, config)) return;
-    if (!addDataSource(config)) {
-        sendError(request.fd, 400, "Failed to add data source");
-        return;
-    }
-    sendJson(request.fd, 201, {{"status", "created"}, {"id", config.id}});
-}
-
-void DataDaemon::handleSourceById(const HttpRequest& request) {
-    const auto [id, sub_path] = splitIdAndSubPath(request.path, kSourcesPrefix);
-    const int fd = request.fd;
-
-    if (request.method == "GET") {
-        if (sub_path.empty()) {
-            if (!registry_->hasDataSource(id)) {
-                sendError(fd, 404, "Data source not found");
-                return;
-            }
-            sendJson(fd, 200, getDataSourceStatus(id).toJson());
-        } else if (sub_path == "/schema") {
-            sendJson(fd, 200, getSchema(id).toJson());
-        } else if (sub_path == "/tables") {
-            sendJson(fd, 200, getTables(id));
-        } else {
-            sendError(fd, 404, "Not found");
-        }
-        return;
-    }
-    if (request.method == "DELETE" && sub_path.empty()) {
-        if (removeDataSource(id))
-            sendJson(fd, 200, {{"status", "deleted"}});
-        else
-            sendError(fd, 404, "Data source not found");
-        return;
-    }
-    if (request.method == "POST" && sub_path == "/test") {
-        sendJson(fd, 200, {{"status", testDataSource(id) ? "ok" : "failed"}});
-        return;
-    }
-    sendError(fd, 405, "Method not allowed");
-}
-
-void DataDaemon::handleQuery(const HttpRequest& request) {
-    if (request.method != "POST") {
-        sendError(request.fd, 405, "Method not allowed");
-        return;
-    }
-    QueryRequest query;
-    if (parseRecord(request, query)) sendResult(request.fd, executeQuery(query));
-}
-
-void DataDaemon::handleExecute(const HttpRequest& request) {
-    if (request.method != "POST") {
-        sendError(request.fd, 405, "Method not allowed");
-        return;
-    }
-    ExecuteRequest statement;
-    if (parseRecord(request, statement)) sendResult(request.fd, executeStatement(statement));
 }
 
 }  // namespace vostra::data

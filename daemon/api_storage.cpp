@@ -1,23 +1,32 @@
 // The storage API: files of a tenant under "/api/v1/storage/<tenant>/<path>",
-// the tenant taken from the URL (not from the tenant headers). Handlers map
-// service results to statuses; every rule (access, quota, path safety)
-// lives in StorageService and its backends.
+// the tenant taken from the URL (not from the tenant headers), and the start
+// function of the storage service. Handlers map service results to
+// statuses; every rule (access, quota, path safety) lives in StorageService
+// and its backends.
 #include <nlohmann/json.hpp>
 
+#include "common/log.h"
 #include "daemon/data_daemon.h"
 #include "daemon/http_message.h"
-#include "daemon/route_paths.h"
+#include "daemon/route_table.h"
+#include "daemon/status_table.h"
 #include "storage/storage_service.h"
 
 namespace vostra::data {
 namespace {
 
-constexpr std::string_view kStoragePrefix = "/api/v1/storage/";
+constexpr vostra::Log kLog("[DataDaemon] ");
 constexpr const char* kRawContentType = "application/octet-stream";
 
-// A refusal on safety grounds is the caller's fault whatever the route.
-int failureStatus(const StorageResult& result, int otherwise) {
-    return result.refused ? 400 : otherwise;
+// Kinds whose status is the same on every route; the rest take the route's.
+constexpr KindStatus kStorageStatuses[] = {
+    {ErrorKind::Invalid, 400},
+    {ErrorKind::Refused, 400},
+    {ErrorKind::Unavailable, 503},
+};
+
+int failureStatus(const StorageResult& result, int route_failure) {
+    return statusFor(kStorageStatuses, result.kind, route_failure);
 }
 
 void sendResult(int fd, const StorageResult& result, int success_status, int failure_status) {
@@ -25,98 +34,104 @@ void sendResult(int fd, const StorageResult& result, int success_status, int fai
     sendJson(fd, status, result.toJson());
 }
 
+// A path that names a file is read; an empty one, or one ending in "/",
+// lists a folder.
+void getFile(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
+    const std::string tenant = params.get("tenant");
+    const std::string path = params.get("path");
+    if (path.empty() || path.ends_with('/')) {
+        StorageListRequest list;
+        list.tenant_id = tenant;
+        list.path = path;
+        sendResult(request.fd, storage.list(list), 200, 404);
+        return;
+    }
+    StorageReadRequest read;
+    read.tenant_id = tenant;
+    read.path = path;
+    read.include_metadata = true;
+    const StorageResult result = storage.read(read);
+    if (!result.success) {
+        sendError(request.fd, failureStatus(result, 404), result.error);
+        return;
+    }
+    // The stored type is sent even when empty; only a result without an
+    // entry falls back to raw bytes.
+    sendResponse(request.fd, 200, result.data,
+                 result.entry ? result.entry->content_type : kRawContentType);
+}
+
+void putFile(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
+    StorageWriteRequest write;
+    write.tenant_id = params.get("tenant");
+    write.path = params.get("path");
+    if (std::string problem = write.readBody(request.body); !problem.empty()) {
+        sendResult(request.fd, StorageResult::failure(ErrorKind::Invalid, std::move(problem)), 201,
+                   400);
+        return;
+    }
+    sendResult(request.fd, storage.write(write), 201, 400);
+}
+
+void deleteFile(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
+    sendResult(request.fd, storage.remove(params.get("tenant"), params.get("path"), true), 200,
+               404);
+}
+
+constexpr ServiceRoute<StorageService> kStorageRoutes[] = {
+    {"GET", "/api/v1/storage/{tenant}/{path*}", getFile},
+    {"PUT", "/api/v1/storage/{tenant}/{path*}", putFile},
+    {"POST", "/api/v1/storage/{tenant}/{path*}", putFile},
+    {"DELETE", "/api/v1/storage/{tenant}/{path*}", deleteFile},
+};
+
+StorageResult notAvailable() {
+    return StorageResult::failure(ErrorKind::Unavailable, StorageService::kNotAvailable);
+}
+
 }  // namespace
 
-bool DataDaemon::hasStorage() const {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ != nullptr;
+void DataDaemon::startStorage() {
+    StorageServiceConfig storage_config;
+    storage_config.backend_type = storageBackendTypeFromName(config_.storage_backend);
+    storage_config.base_path = config_.storage_path;
+    storage_config.nfs_enabled = config_.nfs_enabled;
+    storage_config.nfs_port = config_.nfs_port;
+    auto storage = std::make_unique<StorageService>();
+    if (storage->initialize(storage_config))
+        storage_.replace(std::move(storage));
+    else
+        kLog.error("Failed to initialize storage service");
+}
+
+void DataDaemon::handleStorage(const HttpRequest& request) {
+    serveRoutesIn(storage_, kStorageRoutes, request, "Not found", StorageService::kNotAvailable);
 }
 
 StorageResult DataDaemon::storageRead(const StorageReadRequest& request) {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ ? storage_->read(request)
-                    : StorageResult::failure(StorageService::kNotAvailable);
+    return storage_.with([&](StorageService& s) { return s.read(request); }, notAvailable);
 }
 
 StorageResult DataDaemon::storageWrite(const StorageWriteRequest& request) {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ ? storage_->write(request)
-                    : StorageResult::failure(StorageService::kNotAvailable);
+    return storage_.with([&](StorageService& s) { return s.write(request); }, notAvailable);
 }
 
 StorageResult DataDaemon::storageDelete(const std::string& tenant, const std::string& path,
                                         bool recursive) {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ ? storage_->remove(tenant, path, recursive)
-                    : StorageResult::failure(StorageService::kNotAvailable);
+    return storage_.with([&](StorageService& s) { return s.remove(tenant, path, recursive); },
+                         notAvailable);
 }
 
 StorageResult DataDaemon::storageList(const StorageListRequest& request) {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ ? storage_->list(request)
-                    : StorageResult::failure(StorageService::kNotAvailable);
+    return storage_.with([&](StorageService& s) { return s.list(request); }, notAvailable);
 }
 
 StorageResult DataDaemon::storageStat(const std::string& tenant, const std::string& path) {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ ? storage_->stat(tenant, path)
-                    : StorageResult::failure(StorageService::kNotAvailable);
+    return storage_.with([&](StorageService& s) { return s.stat(tenant, path); }, notAvailable);
 }
 
 StorageResult DataDaemon::storageMkdir(const std::string& tenant, const std::string& path) {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ ? storage_->mkdir(tenant, path)
-                    : StorageResult::failure(StorageService::kNotAvailable);
-}
-
-void DataDaemon::handleStorage(const HttpRequest& request) {
-    const int fd = request.fd;
-    if (!hasStorage()) {
-        sendError(fd, 503, StorageService::kNotAvailable);
-        return;
-    }
-    const auto [tenant, path] = splitTenantAndPath(request.path, kStoragePrefix);
-    const std::string& method = request.method;
-
-    if (method == "GET" && !path.empty() && !path.ends_with('/')) {
-        StorageReadRequest read;
-        read.tenant_id = tenant;
-        read.path = path;
-        read.include_metadata = true;
-        const StorageResult result = storageRead(read);
-        if (!result.success) {
-            sendError(fd, failureStatus(result, 404), result.error);
-            return;
-        }
-        // The stored type is sent even when empty; only a result without an
-        // entry falls back to raw bytes.
-        sendResponse(fd, 200, result.data,
-                     result.entry ? result.entry->content_type : kRawContentType);
-        return;
-    }
-    if (method == "GET") {
-        StorageListRequest list;
-        list.tenant_id = tenant;
-        list.path = path;
-        sendResult(fd, storageList(list), 200, 404);
-        return;
-    }
-    if (method == "PUT" || method == "POST") {
-        StorageWriteRequest write;
-        write.tenant_id = tenant;
-        write.path = path;
-        if (const std::string problem = write.readBody(request.body); !problem.empty()) {
-            sendResult(fd, StorageResult::failure(problem), 201, 400);
-            return;
-        }
-        sendResult(fd, storageWrite(write), 201, 400);
-        return;
-    }
-    if (method == "DELETE") {
-        sendResult(fd, storageDelete(tenant, path, true), 200, 404);
-        return;
-    }
-    sendError(fd, 405, "Method not allowed");
+    return storage_.with([&](StorageService& s) { return s.mkdir(tenant, path); }, notAvailable);
 }
 
 }  // namespace vostra::data

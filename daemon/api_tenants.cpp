@@ -7,147 +7,132 @@
 #include "common/json_fields.h"
 #include "daemon/data_daemon.h"
 #include "daemon/http_message.h"
-#include "daemon/route_paths.h"
+#include "daemon/json_body.h"
+#include "daemon/route_table.h"
 #include "storage/storage_service.h"
 
 namespace vostra::data {
 namespace {
 
-constexpr std::string_view kTenantsPrefix = "/api/v1/tenants/";
+constexpr const char* kTenantNotFound = "Tenant not found";
 
-// A body that is not JSON, or a key of the wrong type, is answered 400 with
-// the parser's message.
-bool parseTenant(const HttpRequest& request, TenantConfig& out) {
-    try {
-        out = TenantConfig::fromJson(nlohmann::json::parse(request.body));
-        return true;
-    } catch (const nlohmann::json::exception& error) {
-        sendError(request.fd, 400, error.what());
-        return false;
+// The optional body of a DELETE.
+struct DeleteOptions {
+    bool force = false;
+
+    static DeleteOptions fromJson(const nlohmann::json& json) {
+        DeleteOptions options;
+        if (json.is_object()) readField(json, "force", options.force);
+        return options;
     }
+};
+
+void listTenants(StorageService& storage, const HttpRequest& request, const RouteParams&) {
+    nlohmann::json all = nlohmann::json::array();
+    for (const TenantConfig& tenant : storage.listTenants()) all.push_back(tenant.toJson());
+    sendJson(request.fd, 200, all);
 }
+
+void createTenant(StorageService& storage, const HttpRequest& request, const RouteParams&) {
+    const auto tenant = readJsonBody<TenantConfig>(request);
+    if (!tenant) return;
+    if (const Status created = storage.tryCreateTenant(*tenant); !created) {
+        // An id that could climb out of the storage root gets its own answer
+        // rather than "may already exist".
+        sendError(request.fd, 400,
+                  created.kind == ErrorKind::Invalid ? created.message
+                                                     : "Failed to create tenant (may already exist)");
+        return;
+    }
+    sendJson(request.fd, 201, {{"status", "created"}, {"id", tenant->id}});
+}
+
+void getTenant(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
+    if (auto tenant = storage.getTenant(params.get("id")))
+        sendJson(request.fd, 200, tenant->toJson());
+    else
+        sendError(request.fd, 404, kTenantNotFound);
+}
+
+void getUsage(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
+    TenantUsage usage;
+    if (const Status found = storage.tryGetTenantUsage(params.get("id"), usage); !found)
+        sendError(request.fd, 400, found.message);
+    else
+        sendJson(request.fd, 200, usage.toJson());
+}
+
+void updateTenant(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
+    auto tenant = readJsonBody<TenantConfig>(request);
+    if (!tenant) return;
+    // The URL names the tenant; an id in the body cannot redirect the update
+    // to another one.
+    tenant->id = params.get("id");
+    if (storage.tryUpdateTenant(*tenant))
+        sendJson(request.fd, 200, {{"status", "updated"}, {"id", tenant->id}});
+    else
+        sendError(request.fd, 404, kTenantNotFound);
+}
+
+void deleteTenant(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
+    DeleteOptions options;
+    if (!request.body.empty()) {
+        const auto read = readJsonBody<DeleteOptions>(request);
+        if (!read) return;
+        options = *read;
+    }
+    const std::string id = params.get("id");
+    if (storage.tryDeleteTenant(id, options.force))
+        sendJson(request.fd, 200, {{"status", "deleted"}, {"id", id}});
+    else
+        sendError(request.fd, 404, kTenantNotFound);
+}
+
+constexpr ServiceRoute<StorageService> kTenantRoutes[] = {
+    {"GET", "/api/v1/tenants", listTenants},
+    {"POST", "/api/v1/tenants", createTenant},
+    {"GET", "/api/v1/tenants/{id}", getTenant},
+    {"PUT", "/api/v1/tenants/{id}", updateTenant},
+    {"DELETE", "/api/v1/tenants/{id}", deleteTenant},
+    {"GET", "/api/v1/tenants/{id}/usage", getUsage},
+    // Any other sub-path: "Not found" to a GET, "Method not allowed" otherwise.
+    {"GET", "/api/v1/tenants/{id}/{rest*}", nullptr},
+};
 
 }  // namespace
 
+void DataDaemon::handleTenants(const HttpRequest& request) {
+    serveRoutesIn(storage_, kTenantRoutes, request, "Not found", StorageService::kNotAvailable);
+}
+
 bool DataDaemon::createTenant(const TenantConfig& tenant) {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ && storage_->createTenant(tenant);
+    return storage_.with([&](StorageService& s) { return s.createTenant(tenant); }, false);
 }
 
 bool DataDaemon::updateTenant(const TenantConfig& tenant) {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ && storage_->updateTenant(tenant);
+    return storage_.with([&](StorageService& s) { return s.updateTenant(tenant); }, false);
 }
 
 bool DataDaemon::deleteTenant(const std::string& id, bool force) {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ && storage_->deleteTenant(id, force);
+    return storage_.with([&](StorageService& s) { return s.deleteTenant(id, force); }, false);
 }
 
 std::optional<TenantConfig> DataDaemon::getTenant(const std::string& id) const {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ ? storage_->getTenant(id) : std::nullopt;
+    return storage_.with([&](StorageService& s) { return s.getTenant(id); }, std::nullopt);
 }
 
 std::vector<TenantConfig> DataDaemon::listTenants() const {
-    std::shared_lock lock(storage_mutex_);
-    return storage_ ? storage_->listTenants() : std::vector<TenantConfig>{};
+    return storage_.with([](StorageService& s) { return s.listTenants(); },
+                         std::vector<TenantConfig>{});
 }
 
 TenantUsage DataDaemon::getTenantUsage(const std::string& id) const {
-    std::shared_lock lock(storage_mutex_);
-    if (storage_) return storage_->getTenantUsage(id);
-    TenantUsage empty;
-    empty.tenant_id = id;
-    return empty;
-}
-
-void DataDaemon::handleTenants(const HttpRequest& request) {
-    const int fd = request.fd;
-    if (!hasStorage()) {
-        sendError(fd, 503, StorageService::kNotAvailable);
-        return;
-    }
-    if (request.method == "GET") {
-        nlohmann::json all = nlohmann::json::array();
-        for (const TenantConfig& tenant : listTenants())
-            all.push_back(tenant.toJson());
-        sendJson(fd, 200, all);
-        return;
-    }
-    if (request.method != "POST") {
-        sendError(fd, 405, "Method not allowed");
-        return;
-    }
-    TenantConfig tenant;
-    if (!parseTenant(request, tenant)) return;
-    // The id names a directory under the storage root; one that could climb
-    // out of it gets its own answer rather than "may already exist".
-    if (const std::string problem = StorageService::tenantIdProblem(tenant.id); !problem.empty()) {
-        sendError(fd, 400, problem);
-        return;
-    }
-    if (!createTenant(tenant)) {
-        sendError(fd, 400, "Failed to create tenant (may already exist)");
-        return;
-    }
-    sendJson(fd, 201, {{"status", "created"}, {"id", tenant.id}});
-}
-
-void DataDaemon::handleTenantById(const HttpRequest& request) {
-    const int fd = request.fd;
-    if (!hasStorage()) {
-        sendError(fd, 503, StorageService::kNotAvailable);
-        return;
-    }
-    const auto [id, sub_path] = splitIdAndSubPath(request.path, kTenantsPrefix);
-
-    if (request.method == "GET") {
-        if (sub_path.empty()) {
-            if (auto tenant = getTenant(id))
-                sendJson(fd, 200, tenant->toJson());
-            else
-                sendError(fd, 404, "Tenant not found");
-        } else if (sub_path == "/usage") {
-            if (const std::string problem = StorageService::tenantIdProblem(id); !problem.empty())
-                sendError(fd, 400, problem);
-            else
-                sendJson(fd, 200, getTenantUsage(id).toJson());
-        } else {
-            sendError(fd, 404, "Not found");
-        }
-        return;
-    }
-    if (request.method == "PUT" && sub_path.empty()) {
-        TenantConfig tenant;
-        if (!parseTenant(request, tenant)) return;
-        // The URL names the tenant; an id in the body cannot redirect the
-        // update to another one.
-        tenant.id = id;
-        if (updateTenant(tenant))
-            sendJson(fd, 200, {{"status", "updated"}, {"id", id}});
-        else
-            sendError(fd, 404, "Tenant not found");
-        return;
-    }
-    if (request.method == "DELETE" && sub_path.empty()) {
-        bool force = false;
-        if (!request.body.empty()) {
-            try {
-                const nlohmann::json body = nlohmann::json::parse(request.body);
-                if (body.is_object()) vostra::readField(body, "force", force);
-            } catch (const nlohmann::json::exception& error) {
-                sendError(fd, 400, error.what());
-                return;
-            }
-        }
-        if (deleteTenant(id, force))
-            sendJson(fd, 200, {{"status", "deleted"}, {"id", id}});
-        else
-            sendError(fd, 404, "Tenant not found");
-        return;
-    }
-    sendError(fd, 405, "Method not allowed");
+    return storage_.with([&](StorageService& s) { return s.getTenantUsage(id); },
+                         [&] {
+                             TenantUsage empty;
+                             empty.tenant_id = id;
+                             return empty;
+                         });
 }
 
 }  // namespace vostra::data

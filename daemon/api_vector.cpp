@@ -1,17 +1,22 @@
 // The vector API under "/api/v1/vector": settings, health and metrics,
 // namespaces, documents and sources of a tenant, similarity and text
-// searches, embeddings and text ingestion. Handlers parse, call
-// VectorStorageService and map its results to statuses; the rules live in
-// the service. Only the settings route works while the service is off, and
-// only it may create or destroy the service.
+// searches, embeddings and text ingestion; and the start function of the
+// vector service. Handlers parse, call VectorStorageService and map its
+// results to statuses; the rules live in the service. Only the settings
+// route works while the service is off, and only it (besides start-up and
+// stop()) may start or stop the service.
 #include <nlohmann/json.hpp>
 #include <optional>
 
 #include "common/json_fields.h"
-#include "connectors/sanitize_utf8.h"
+#include "common/log.h"
+#include "common/sanitize_utf8.h"
 #include "daemon/data_daemon.h"
 #include "daemon/http_message.h"
+#include "daemon/json_body.h"
 #include "daemon/request_context.h"
+#include "daemon/route_table.h"
+#include "daemon/status_table.h"
 #include "vector/vector_storage_service.h"
 
 namespace vostra::data {
@@ -19,26 +24,16 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::string_view kConfigPath = "/api/v1/vector/config";
+constexpr vostra::Log kLog("[DataDaemon] ");
 constexpr const char* kNotEnabled =
     "Vector storage service not enabled. Enable it via /api/v1/vector/config or dashboard.";
 constexpr const char* kNotFound = "Vector endpoint not found";
-constexpr const char* kMethodNotAllowed = "Method not allowed";
 constexpr const char* kNamespaceNotFound = "Namespace not found";
 constexpr const char* kUpdateFailed = "Failed to update configuration";
 constexpr int32_t kDefaultTextSearchLimit = 10;
 
-// The body as a JSON object (an empty body is an empty one), or nothing
-// after answering 400 for a body that is not a JSON object.
-std::optional<json> parseBody(const HttpRequest& request) {
-    if (request.body.find_first_not_of(" \t\r\n") == std::string::npos) return json::object();
-    json body = json::parse(request.body, nullptr, /*allow_exceptions=*/false);
-    if (body.is_discarded() || !body.is_object()) {
-        sendError(request.fd, 400, "Request body must be a JSON object");
-        return std::nullopt;
-    }
-    return body;
-}
+// Searches fail with 500 unless the request itself was at fault.
+constexpr KindStatus kSearchStatuses[] = {{ErrorKind::Invalid, 400}};
 
 // True when `key` is present; otherwise answers 400 "Missing '<key>' field".
 bool require(const HttpRequest& request, const json& body, const char* key) {
@@ -53,20 +48,9 @@ T field(const json& body, const char* key, T fallback) {
     return fallback;
 }
 
-// The path after `prefix` cut at "/" into at most `limit` parts, the last
-// keeping any further "/". Path bytes go into answers, so they are cleaned.
-std::vector<std::string> segments(std::string_view path, std::string_view prefix,
-                                  std::size_t limit) {
-    std::vector<std::string> parts;
-    std::string_view rest = path.substr(prefix.size());
-    while (!rest.empty()) {
-        const std::size_t slash =
-            parts.size() + 1 < limit ? rest.find('/') : std::string_view::npos;
-        parts.push_back(sanitize_utf8(std::string(rest.substr(0, slash))));
-        if (slash == std::string_view::npos) break;
-        rest.remove_prefix(slash + 1);
-    }
-    return parts;
+// A part of the path: raw bytes that go into answers, so they are cleaned.
+std::string param(const RouteParams& params, std::string_view name) {
+    return sanitize_utf8(params.get(name));
 }
 
 // The request's tenant, from its headers: raw bytes, cleaned like the path.
@@ -79,144 +63,153 @@ std::string tenantFrom(const json& body) {
     return field(body, "tenant_id", requestTenant());
 }
 
-void handleNamespaces(VectorStorageService& service, const HttpRequest& request) {
-    const int fd = request.fd;
-    std::vector<std::string> parts = segments(request.path, "/api/v1/vector/namespaces", 4);
-    // "/namespaces" and "/namespaces/" both mean the request's own tenant.
-    if (!parts.empty() && parts.front().empty()) parts.erase(parts.begin());
-    if (parts.size() > 2) {
-        sendError(fd, 404, kNotFound);
-        return;
-    }
-    const std::string tenant = parts.empty() ? requestTenant() : parts[0];
-    const std::string& method = request.method;
-
-    if (parts.size() < 2 && method == "GET") {
-        json list = json::array();
-        for (const VectorNamespace& record : service.listNamespaces(tenant))
-            list.push_back(record.toJson());
-        sendJson(fd, 200, {{"tenant_id", tenant}, {"namespaces", list}, {"count", list.size()}});
-        return;
-    }
-    if (method == "POST") {
-        const auto body = parseBody(request);
-        if (!body || (parts.size() < 2 && !require(request, *body, "namespace_id"))) return;
-        const std::string ns =
-            parts.size() == 2 ? parts[1] : field(*body, "namespace_id", std::string());
-        if (!service.createNamespace(tenant, ns, field(*body, "name", std::string()),
-                                     field(*body, "description", std::string()))) {
-            sendError(fd, 400, "Failed to create namespace");
-            return;
-        }
-        json answer = {{"status", "created"}};
-        if (auto record = service.getNamespace(tenant, ns)) answer["namespace"] = record->toJson();
-        sendJson(fd, 201, answer);
-        return;
-    }
-    if (parts.size() == 2 && method == "GET") {
-        if (auto record = service.getNamespace(tenant, parts[1]))
-            sendJson(fd, 200, record->toJson());
-        else
-            sendError(fd, 404, kNamespaceNotFound);
-        return;
-    }
-    if (parts.size() == 2 && method == "DELETE") {
-        if (service.deleteNamespace(tenant, parts[1]))
-            sendJson(fd, 200, {{"status", "deleted"}});
-        else
-            sendError(fd, 404, kNamespaceNotFound);
-        return;
-    }
-    sendError(fd, 405, kMethodNotAllowed);
+// "/namespaces" and "/namespaces/" both mean the request's own tenant.
+std::string namespacesTenant(const RouteParams& params) {
+    const std::string tenant = param(params, "tenant");
+    return tenant.empty() ? requestTenant() : tenant;
 }
 
-void handleDocuments(VectorStorageService& service, const HttpRequest& request) {
-    const int fd = request.fd;
-    // Ids are the client's and may hold "/": everything after the namespace.
-    const std::vector<std::string> parts = segments(request.path, "/api/v1/vector/documents/", 3);
-    if (parts.size() < 2) {
-        sendError(fd, 404, kNotFound);
-        return;
-    }
-    const std::string& tenant = parts[0];
-    const std::string& ns = parts[1];
-    const std::string id = parts.size() == 3 ? parts[2] : "";
-    const std::string& method = request.method;
-
-    if (method == "GET" && !id.empty()) {
-        if (auto document = service.getDocument(tenant, ns, id))
-            sendJson(fd, 200, document->toJson());
-        else
-            sendError(fd, 404, "Document not found");
-        return;
-    }
-    if (method == "POST" && id.empty()) {
-        const auto body = parseBody(request);
-        if (!body) return;
-        VectorAddRequest add = VectorAddRequest::fromJson(*body);
-        add.tenant_id = tenant;
-        add.namespace_id = ns;
-        const VectorAddResponse result = service.addDocuments(add);
-        sendJson(fd, result.success ? 201 : 400, result.toJson());
-        return;
-    }
-    if (method == "DELETE") {
-        std::vector<std::string> ids;
-        if (!id.empty()) {
-            ids.push_back(id);
-        } else {
-            const auto body = parseBody(request);
-            if (!body || !require(request, *body, "ids")) return;
-            readField(*body, "ids", ids);
-        }
-        sendJson(fd, 200, {{"deleted_count", service.deleteDocuments(tenant, ns, ids)}});
-        return;
-    }
-    sendError(fd, 405, kMethodNotAllowed);
+void getHealth(VectorStorageService& service, const HttpRequest& request, const RouteParams&) {
+    sendJson(request.fd, 200, service.getHealth());
 }
 
-void handleSources(VectorStorageService& service, const HttpRequest& request) {
-    const int fd = request.fd;
-    const std::vector<std::string> parts = segments(request.path, "/api/v1/vector/sources/", 3);
-    if (parts.size() != 2) {
-        sendError(fd, 404, kNotFound);
+void getMetrics(VectorStorageService& service, const HttpRequest& request, const RouteParams&) {
+    sendJson(request.fd, 200, service.getMetrics());
+}
+
+void listNamespaces(VectorStorageService& service, const HttpRequest& request,
+                    const RouteParams& params) {
+    const std::string tenant = namespacesTenant(params);
+    json list = json::array();
+    for (const VectorNamespace& record : service.listNamespaces(tenant))
+        list.push_back(record.toJson());
+    sendJson(request.fd, 200, {{"tenant_id", tenant}, {"namespaces", list}, {"count", list.size()}});
+}
+
+void createNamespaceIn(VectorStorageService& service, const HttpRequest& request,
+                       const std::string& tenant, const std::string& ns, const json& body) {
+    if (!service.createNamespace(tenant, ns, field(body, "name", std::string()),
+                                 field(body, "description", std::string()))) {
+        sendError(request.fd, 400, "Failed to create namespace");
         return;
     }
-    if (request.method == "GET") {
-        json sources = json::array();
-        for (const std::string& source : service.listSources(parts[0], parts[1]))
-            sources.push_back(sanitize_utf8(source));
-        sendJson(fd, 200, {{"sources", sources}, {"count", sources.size()}});
-        return;
-    }
-    if (request.method == "DELETE") {
-        const auto body = parseBody(request);
-        if (!body || !require(request, *body, "source")) return;
-        const std::string source = field(*body, "source", std::string());
-        sendJson(fd, 200, {{"deleted_count", service.deleteBySource(parts[0], parts[1], source)}});
-        return;
-    }
-    sendError(fd, 405, kMethodNotAllowed);
+    json answer = {{"status", "created"}};
+    if (auto record = service.getNamespace(tenant, ns)) answer["namespace"] = record->toJson();
+    sendJson(request.fd, 201, answer);
+}
+
+// The namespace id comes from the body.
+void createNamespace(VectorStorageService& service, const HttpRequest& request,
+                     const RouteParams& params) {
+    const auto body = readJsonObject(request);
+    if (!body || !require(request, *body, "namespace_id")) return;
+    createNamespaceIn(service, request, namespacesTenant(params),
+                      field(*body, "namespace_id", std::string()), *body);
+}
+
+// The namespace id comes from the path.
+void createNamedNamespace(VectorStorageService& service, const HttpRequest& request,
+                          const RouteParams& params) {
+    const auto body = readJsonObject(request);
+    if (!body) return;
+    createNamespaceIn(service, request, param(params, "tenant"), param(params, "namespace"),
+                      *body);
+}
+
+void getNamespace(VectorStorageService& service, const HttpRequest& request,
+                  const RouteParams& params) {
+    if (auto record = service.getNamespace(param(params, "tenant"), param(params, "namespace")))
+        sendJson(request.fd, 200, record->toJson());
+    else
+        sendError(request.fd, 404, kNamespaceNotFound);
+}
+
+void deleteNamespace(VectorStorageService& service, const HttpRequest& request,
+                     const RouteParams& params) {
+    if (service.deleteNamespace(param(params, "tenant"), param(params, "namespace")))
+        sendJson(request.fd, 200, {{"status", "deleted"}});
+    else
+        sendError(request.fd, 404, kNamespaceNotFound);
+}
+
+void getDocument(VectorStorageService& service, const HttpRequest& request,
+                 const RouteParams& params) {
+    if (auto document = service.getDocument(param(params, "tenant"), param(params, "namespace"),
+                                            param(params, "id")))
+        sendJson(request.fd, 200, document->toJson());
+    else
+        sendError(request.fd, 404, "Document not found");
+}
+
+void addDocuments(VectorStorageService& service, const HttpRequest& request,
+                  const RouteParams& params) {
+    const auto body = readJsonObject(request);
+    if (!body) return;
+    VectorAddRequest add = VectorAddRequest::fromJson(*body);
+    add.tenant_id = param(params, "tenant");
+    add.namespace_id = param(params, "namespace");
+    const VectorAddResponse result = service.addDocuments(add);
+    sendJson(request.fd, result.success ? 201 : 400, result.toJson());
+}
+
+void sendDeleted(int fd, int64_t count) {
+    sendJson(fd, 200, {{"deleted_count", count}});
+}
+
+// Ids are the client's and may hold "/": everything after the namespace.
+void deleteDocument(VectorStorageService& service, const HttpRequest& request,
+                    const RouteParams& params) {
+    sendDeleted(request.fd, service.deleteDocuments(param(params, "tenant"),
+                                                    param(params, "namespace"),
+                                                    {param(params, "id")}));
+}
+
+void deleteDocuments(VectorStorageService& service, const HttpRequest& request,
+                     const RouteParams& params) {
+    const auto body = readJsonObject(request);
+    if (!body || !require(request, *body, "ids")) return;
+    sendDeleted(request.fd,
+                service.deleteDocuments(param(params, "tenant"), param(params, "namespace"),
+                                        field(*body, "ids", std::vector<std::string>())));
+}
+
+void listSources(VectorStorageService& service, const HttpRequest& request,
+                 const RouteParams& params) {
+    json sources = json::array();
+    for (const std::string& source :
+         service.listSources(param(params, "tenant"), param(params, "namespace")))
+        sources.push_back(sanitize_utf8(source));
+    sendJson(request.fd, 200, {{"sources", sources}, {"count", sources.size()}});
+}
+
+void deleteSource(VectorStorageService& service, const HttpRequest& request,
+                  const RouteParams& params) {
+    const auto body = readJsonObject(request);
+    if (!body || !require(request, *body, "source")) return;
+    sendDeleted(request.fd,
+                service.deleteBySource(param(params, "tenant"), param(params, "namespace"),
+                                       field(*body, "source", std::string())));
 }
 
 void sendSearch(int fd, const VectorSearchResponse& response) {
-    sendJson(fd, response.success ? 200 : (response.refused ? 400 : 500), response.toJson());
+    sendJson(fd, response.success ? 200 : statusFor(kSearchStatuses, response.kind, 500),
+             response.toJson());
 }
 
-void handleSearch(VectorStorageService& service, const HttpRequest& request) {
-    const auto body = parseBody(request);
+void search(VectorStorageService& service, const HttpRequest& request, const RouteParams&) {
+    const auto body = readJsonObject(request);
     if (!body) return;
-    VectorSearchRequest search = VectorSearchRequest::fromJson(*body);
-    search.tenant_id = tenantFrom(*body);
-    if (search.query.empty() && search.query_embedding.empty()) {
+    VectorSearchRequest query = VectorSearchRequest::fromJson(*body);
+    query.tenant_id = tenantFrom(*body);
+    if (query.query.empty() && query.query_embedding.empty()) {
         sendError(request.fd, 400, "Missing 'query' field");
         return;
     }
-    sendSearch(request.fd, service.search(search));
+    sendSearch(request.fd, service.search(query));
 }
 
-void handleTextSearch(VectorStorageService& service, const HttpRequest& request) {
-    const auto parsed = parseBody(request);
+void textSearch(VectorStorageService& service, const HttpRequest& request, const RouteParams&) {
+    const auto parsed = readJsonObject(request);
     if (!parsed) return;
     const json& body = *parsed;
     const std::string query = field(body, "query", std::string());
@@ -230,8 +223,8 @@ void handleTextSearch(VectorStorageService& service, const HttpRequest& request)
                                               field(body, "field", std::string())));
 }
 
-void handleEmbed(VectorStorageService& service, const HttpRequest& request) {
-    const auto parsed = parseBody(request);
+void embed(VectorStorageService& service, const HttpRequest& request, const RouteParams&) {
+    const auto parsed = readJsonObject(request);
     if (!parsed) return;
     const json& body = *parsed;
     const bool single = body.contains("text");
@@ -256,8 +249,8 @@ void handleEmbed(VectorStorageService& service, const HttpRequest& request) {
     sendJson(request.fd, 200, answer);
 }
 
-void handleIngest(VectorStorageService& service, const HttpRequest& request) {
-    const auto parsed = parseBody(request);
+void ingest(VectorStorageService& service, const HttpRequest& request, const RouteParams&) {
+    const auto parsed = readJsonObject(request);
     if (!parsed || !require(request, *parsed, "source")) return;
     const json& body = *parsed;
     const VectorAddResponse result =
@@ -267,84 +260,95 @@ void handleIngest(VectorStorageService& service, const HttpRequest& request) {
     sendJson(request.fd, result.success ? 201 : 400, result.toJson());
 }
 
-// Routes that answer one fixed path; each serves one method.
-struct FixedRoute {
-    std::string_view path;
-    const char* method;
-    void (*handler)(VectorStorageService&, const HttpRequest&);
+constexpr ServiceRoute<VectorStorageService> kVectorRoutes[] = {
+    {"GET", "/api/v1/vector/health", getHealth},
+    {"GET", "/api/v1/vector/metrics", getMetrics},
+    {"POST", "/api/v1/vector/search", search},
+    {"POST", "/api/v1/vector/text-search", textSearch},
+    {"POST", "/api/v1/vector/embed", embed},
+    {"POST", "/api/v1/vector/ingest", ingest},
+    {"GET", "/api/v1/vector/namespaces", listNamespaces},
+    {"POST", "/api/v1/vector/namespaces", createNamespace},
+    {"GET", "/api/v1/vector/namespaces/{tenant}", listNamespaces},
+    {"POST", "/api/v1/vector/namespaces/{tenant}", createNamespace},
+    {"GET", "/api/v1/vector/namespaces/{tenant}/{namespace}", getNamespace},
+    {"POST", "/api/v1/vector/namespaces/{tenant}/{namespace}", createNamedNamespace},
+    {"DELETE", "/api/v1/vector/namespaces/{tenant}/{namespace}", deleteNamespace},
+    // Without an id (with or without a trailing "/"): the body says what.
+    {"POST", "/api/v1/vector/documents/{tenant}/{namespace}", addDocuments},
+    {"POST", "/api/v1/vector/documents/{tenant}/{namespace}/", addDocuments},
+    {"DELETE", "/api/v1/vector/documents/{tenant}/{namespace}", deleteDocuments},
+    {"DELETE", "/api/v1/vector/documents/{tenant}/{namespace}/", deleteDocuments},
+    {"GET", "/api/v1/vector/documents/{tenant}/{namespace}/{id+}", getDocument},
+    {"DELETE", "/api/v1/vector/documents/{tenant}/{namespace}/{id+}", deleteDocument},
+    {"GET", "/api/v1/vector/sources/{tenant}/{namespace}", listSources},
+    {"DELETE", "/api/v1/vector/sources/{tenant}/{namespace}", deleteSource},
 };
 
-void routeRequest(VectorStorageService& service, const HttpRequest& request) {
-    static constexpr FixedRoute kFixed[] = {
-        {"/api/v1/vector/health", "GET",
-         [](VectorStorageService& s, const HttpRequest& r) { sendJson(r.fd, 200, s.getHealth()); }},
-        {"/api/v1/vector/metrics", "GET",
-         [](VectorStorageService& s, const HttpRequest& r) {
-             sendJson(r.fd, 200, s.getMetrics());
-         }},
-        {"/api/v1/vector/search", "POST", handleSearch},
-        {"/api/v1/vector/text-search", "POST", handleTextSearch},
-        {"/api/v1/vector/embed", "POST", handleEmbed},
-        {"/api/v1/vector/ingest", "POST", handleIngest},
-    };
-    const std::string_view path = request.path;
-    for (const FixedRoute& route : kFixed) {
-        if (path != route.path) continue;
-        if (request.method == route.method)
-            route.handler(service, request);
-        else
-            sendError(request.fd, 405, kMethodNotAllowed);
-        return;
-    }
-    if (path == "/api/v1/vector/namespaces" || path.starts_with("/api/v1/vector/namespaces/"))
-        handleNamespaces(service, request);
-    else if (path.starts_with("/api/v1/vector/documents/"))
-        handleDocuments(service, request);
-    else if (path.starts_with("/api/v1/vector/sources/"))
-        handleSources(service, request);
-    else
-        sendError(request.fd, 404, kNotFound);
-}
+using ConfigRoute = Route<void (DataDaemon::*)(const HttpRequest&, const RouteParams&)>;
 
 }  // namespace
 
+std::unique_ptr<VectorStorageService> DataDaemon::makeVectorService(
+    const VectorStorageConfig& config) {
+    auto service = std::make_unique<VectorStorageService>();
+    if (service->initialize(config)) return service;
+    kLog.error("Failed to initialize vector storage");
+    return nullptr;
+}
+
+void DataDaemon::startVector() {
+    EmbeddingConfig embedding;
+    embedding.url = config_.embedding_url;
+    embedding.model = config_.embedding_model;
+    embedding.dimension = config_.embedding_dimension;
+    bool from_file = false;
+    VectorStorageConfig settings = VectorStorageService::startupConfig(
+        config_.vector_path, embedding, config_.vector_enabled, from_file);
+    if (settings.enabled) {
+        if (from_file && !config_.vector_enabled)
+            kLog.info("Auto-enabling vector storage from persisted config (embedding: ",
+                      settings.embedding.url, ", model: ", settings.embedding.model, ")");
+        auto service = makeVectorService(settings);
+        settings.enabled = service != nullptr;
+        vector_.replace(std::move(service));
+    }
+    std::lock_guard lock(vector_config_mutex_);
+    *vector_config_ = settings;
+}
+
 void DataDaemon::handleVectorApi(const HttpRequest& request) {
-    if (request.path == kConfigPath) {
-        handleVectorConfig(request);
-        return;
-    }
-    // Shared for the whole request: the config route cannot destroy the
+    // Shared for the whole request: the settings route cannot stop the
     // service under it, and requests never wait for each other.
-    std::shared_lock lock(vector_mutex_);
-    if (!vector_) {
-        sendError(request.fd, 503, kNotEnabled);
-        return;
-    }
-    try {
-        routeRequest(*vector_, request);
-    } catch (const json::exception& error) {
-        // A key of the wrong type, as the typed reads report it.
-        sendError(request.fd, 400, error.what());
-    }
+    serveRoutesIn(vector_, kVectorRoutes, request, kNotFound, kNotEnabled);
 }
 
 void DataDaemon::handleVectorConfig(const HttpRequest& request) {
-    const int fd = request.fd;
-    if (request.method == "GET") {
-        std::shared_lock lock(vector_mutex_);
-        sendJson(fd, 200, (vector_ ? vector_->getConfig() : *vector_config_).toJson());
-        return;
-    }
-    if (request.method != "PUT") {
-        sendError(fd, 405, kMethodNotAllowed);
-        return;
-    }
+    static constexpr ConfigRoute kConfigRoutes[] = {
+        {"GET", "/api/v1/vector/config", &DataDaemon::getVectorConfig},
+        {"PUT", "/api/v1/vector/config", &DataDaemon::putVectorConfig},
+    };
+    serveRoutes(*this, kConfigRoutes, request, kNotFound);
+}
 
+void DataDaemon::getVectorConfig(const HttpRequest& request, const RouteParams&) {
+    std::lock_guard lock(vector_config_mutex_);
+    const VectorStorageConfig settings = vector_.with(
+        [](VectorStorageService& service) { return service.getConfig(); }, *vector_config_);
+    sendJson(request.fd, 200, settings.toJson());
+}
+
+void DataDaemon::putVectorConfig(const HttpRequest& request, const RouteParams&) {
     using Action = VectorStorageService::ConfigChange::Action;
-    std::unique_lock lock(vector_mutex_);
-    const VectorStorageConfig current = vector_ ? vector_->getConfig() : *vector_config_;
-    VectorStorageService::ConfigChange change =
-        VectorStorageService::planConfigChange(current, vector_ != nullptr, request.body);
+    const int fd = request.fd;
+    std::lock_guard lock(vector_config_mutex_);
+    const std::optional<VectorStorageConfig> running = vector_.with(
+        [](VectorStorageService& service) -> std::optional<VectorStorageConfig> {
+            return service.getConfig();
+        },
+        std::nullopt);
+    VectorStorageService::ConfigChange change = VectorStorageService::planConfigChange(
+        running.value_or(*vector_config_), running.has_value(), request.body);
     if (!change.error.empty()) {
         sendJson(fd, 400, {{"error", kUpdateFailed}, {"detail", change.error}});
         return;
@@ -355,31 +359,34 @@ void DataDaemon::handleVectorConfig(const HttpRequest& request) {
     switch (change.action) {
         case Action::Start:
         case Action::Restart: {
-            if (vector_) vector_->shutdown();
-            vector_.reset();
-            auto service = std::make_unique<VectorStorageService>();
-            if (!service->initialize(change.config)) {
+            bool started = false;
+            // The old service stops before the new one opens its files.
+            vector_.replace([&] {
+                auto service = makeVectorService(change.config);
+                started = service != nullptr;
+                return service;
+            });
+            if (!started) {
                 change.config.enabled = false;
                 *vector_config_ = change.config;
                 const char* failed = "Failed to initialize vector storage";
                 sendJson(fd, 500, {{"error", failed}, {"message", failed}});
                 return;
             }
-            vector_ = std::move(service);
             answer["message"] = change.action == Action::Start ? "Vector storage service started"
                                                                : "Vector storage service restarted";
             break;
         }
         case Action::Stop:
-            vector_->shutdown();
             vector_.reset();
             saved = VectorStorageService::saveConfigFile(change.config);
             answer["message"] = "Vector storage service stopped";
             break;
         case Action::Reconfigure:
         case Action::None:
-            saved = vector_ ? vector_->updateConfig(change.config)
-                            : VectorStorageService::saveConfigFile(change.config);
+            saved = vector_.with(
+                [&](VectorStorageService& service) { return service.updateConfig(change.config); },
+                [&] { return VectorStorageService::saveConfigFile(change.config); });
             break;
     }
     *vector_config_ = change.config;

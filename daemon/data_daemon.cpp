@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "cluster/cluster_discovery.h"
+#include "cluster/controller_client.h"
 #include "common/log.h"
 #include "connectors/agent_storage.h"
 #include "connectors/data_source_registry.h"
-#include "daemon/cluster_discovery.h"
-#include "daemon/controller_client.h"
 #include "daemon/identity.h"
 #include "storage/storage_service.h"
 #include "vector/vector_storage_service.h"
@@ -41,7 +41,7 @@ DataDaemon::DataDaemon()
       agent_storage_(std::make_unique<AgentStorage>()),
       vector_config_(std::make_unique<VectorStorageConfig>()) {}
 
-DataDaemon::~DataDaemon() = default;
+DataDaemon::~DataDaemon() { stop(); }
 
 bool DataDaemon::initialize(const DataDaemonConfig& config) {
     config_ = config;
@@ -50,42 +50,8 @@ bool DataDaemon::initialize(const DataDaemonConfig& config) {
     hostname_ = getHostname();
     ip_address_ = getLocalIP();
 
-    if (config_.storage_enabled) {
-        StorageServiceConfig storage_config;
-        storage_config.backend_type = storageBackendTypeFromName(config_.storage_backend);
-        storage_config.base_path = config_.storage_path;
-        storage_config.nfs_enabled = config_.nfs_enabled;
-        storage_config.nfs_port = config_.nfs_port;
-        auto storage = std::make_unique<StorageService>();
-        if (storage->initialize(storage_config))
-            storage_ = std::move(storage);
-        else
-            kLog.error("Failed to initialize storage service");
-    }
-
-    {
-        EmbeddingConfig embedding;
-        embedding.url = config_.embedding_url;
-        embedding.model = config_.embedding_model;
-        embedding.dimension = config_.embedding_dimension;
-        bool from_file = false;
-        VectorStorageConfig vector_config = VectorStorageService::startupConfig(
-            config_.vector_path, embedding, config_.vector_enabled, from_file);
-        if (vector_config.enabled) {
-            if (from_file && !config_.vector_enabled)
-                kLog.info("Auto-enabling vector storage from persisted config (embedding: ",
-                          vector_config.embedding.url, ", model: ", vector_config.embedding.model,
-                          ")");
-            auto vector = std::make_unique<VectorStorageService>();
-            if (vector->initialize(vector_config)) {
-                vector_ = std::move(vector);
-            } else {
-                kLog.error("Failed to initialize vector storage");
-                vector_config.enabled = false;
-            }
-        }
-        *vector_config_ = vector_config;
-    }
+    if (config_.storage_enabled) startStorage();
+    startVector();
 
     if (!config_.data_dir.empty()) {
         std::error_code error;
@@ -166,16 +132,9 @@ void DataDaemon::stop() {
     if (left_open >= 0) close(left_open);
     client_threads_.releaseIdle();
 
-    {
-        std::unique_lock lock(vector_mutex_);
-        if (vector_) vector_->shutdown();
-        vector_.reset();
-    }
-    {
-        std::unique_lock lock(storage_mutex_);
-        if (storage_) storage_->shutdown();
-        storage_.reset();
-    }
+    // Requests still running finish first: a slot waits for them.
+    vector_.reset();
+    storage_.reset();
 
     registry_->clear();
 

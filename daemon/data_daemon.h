@@ -1,10 +1,16 @@
-// DataDaemon: the process-wide object that owns every service of the data
-// worker, its background loops and its HTTP server, from initialize() to
-// stop(). One instance per process (getInstance()); not copyable.
+// DataDaemon: the object that owns every service of the data worker, its
+// background loops and its HTTP server, from initialize() to stop(). The
+// executable uses one process-wide instance (getInstance()); tests build
+// their own and serve requests to it in process. Not copyable.
 //
-// Thread-safety: initialize/start/stop are called from the main thread;
-// request handlers run concurrently on detached client threads and rely on
-// the locks of the services they call.
+// Each optional service lives in a ServiceSlot beside its start function
+// (startStorage(), startVector(), ...), which is defined next to the
+// service's routes in api_<area>.cpp; this header and data_daemon.cpp keep
+// only the start order and the threads.
+//
+// Thread-safety: initialize/start/stop are called from one thread; request
+// handlers run concurrently on client threads and reach optional services
+// only through their slots.
 #pragma once
 
 #include <atomic>
@@ -16,11 +22,11 @@
 #include <mutex>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "common/service_slot.h"
 #include "daemon/client_threads.h"
 #include "daemon/data_daemon_config.h"
 
@@ -31,6 +37,7 @@ class ClusterDiscovery;
 namespace vostra::data {
 
 struct HttpRequest;
+class RouteParams;
 class ControllerClient;
 struct DataSourceConfig;
 struct DataSourceStatusInfo;
@@ -55,6 +62,11 @@ public:
     // The process-wide instance. It is never destroyed: detached client
     // threads may still be answering while the process exits.
     static DataDaemon& getInstance();
+
+    // A daemon of its own, e.g. for a test. Destroy it only after stop()
+    // and once no request is being served.
+    DataDaemon();
+    ~DataDaemon();
 
     DataDaemon(const DataDaemon&) = delete;
     DataDaemon& operator=(const DataDaemon&) = delete;
@@ -121,9 +133,11 @@ public:
     nlohmann::json getInfo() const;
     nlohmann::json getMetrics() const;
 
+    // Reads, parses and answers one request on a connected socket; the
+    // caller closes `fd`. Never throws.
+    void handleClient(int fd);
+
 private:
-    DataDaemon();
-    ~DataDaemon();
 
     // Background loops; each returns soon after running_ is cleared.
     void heartbeatLoop();
@@ -138,28 +152,37 @@ private:
 
     // Serves one accepted connection on a client thread and closes it.
     void serveConnection(int fd);
-    // Reads, parses and answers one request; the caller closes `fd`.
-    void handleClient(int fd);
+    // Hands the request to its area by the ordered prefix table (router.cpp).
     void dispatch(const HttpRequest& request);
 
+    // Start functions of the optional services, called by initialize();
+    // each fills its slot or prints why not.
+    void startStorage();
+    void startVector();
+    // A started vector service for `config`, or null after printing why not.
+    static std::unique_ptr<VectorStorageService> makeVectorService(
+        const VectorStorageConfig& config);
+
+    // Areas: each serves its routes (api_<area>.cpp) with the service it is
+    // handed. The core endpoints answer any method.
     void handleHealth(const HttpRequest& request);
     void handleInfo(const HttpRequest& request);
     void handleMetrics(const HttpRequest& request);
     void handleRootRedirect(const HttpRequest& request);
     void handleClusterResources(const HttpRequest& request);
+    void handleDataApi(const HttpRequest& request);
+    void handleTenants(const HttpRequest& request);
+    void handleStorage(const HttpRequest& request);
+    void handleVectorApi(const HttpRequest& request);
+    void handleVectorConfig(const HttpRequest& request);
+    // The rows of the vector settings route, which works while the service
+    // is off and alone starts and stops it.
+    void getVectorConfig(const HttpRequest& request, const RouteParams& params);
+    void putVectorConfig(const HttpRequest& request, const RouteParams& params);
+
     nlohmann::json capabilities() const;
     nlohmann::json registrationBody() const;
     nlohmann::json heartbeatBody() const;
-    void handleSources(const HttpRequest& request);
-    void handleSourceById(const HttpRequest& request);
-    void handleQuery(const HttpRequest& request);
-    void handleExecute(const HttpRequest& request);
-    void handleTenants(const HttpRequest& request);
-    void handleTenantById(const HttpRequest& request);
-    void handleStorage(const HttpRequest& request);
-    bool hasStorage() const;
-    void handleVectorApi(const HttpRequest& request);
-    void handleVectorConfig(const HttpRequest& request);
 
     uint64_t uptimeSeconds() const;
 
@@ -194,18 +217,15 @@ private:
     std::unique_ptr<ControllerClient> controller_;
     std::unique_ptr<discovery::ClusterDiscovery> discovery_;
     std::unique_ptr<AgentStorage> agent_storage_;
-    // Absent when storage is off or failed to start. Requests may still be
-    // running when stop() destroys it: they use it under a shared lock.
-    std::unique_ptr<StorageService> storage_;
-    mutable std::shared_mutex storage_mutex_;
-    // Absent while vector storage is off; the config route creates and
-    // destroys it at run time, so requests use it under a shared lock and
-    // only that route and stop() take the lock exclusively. The settings
-    // are kept here too, for the config route to show and change while the
-    // service is off.
-    std::unique_ptr<VectorStorageService> vector_;
+    // Empty when storage is off or failed to start.
+    vostra::ServiceSlot<StorageService> storage_;
+    // Empty while vector storage is off; the settings route starts and stops
+    // it at run time. The settings are kept apart, for that route to show
+    // and change while the service is off; the mutex orders changes of
+    // both, so two PUTs never interleave.
+    vostra::ServiceSlot<VectorStorageService> vector_;
     std::unique_ptr<VectorStorageConfig> vector_config_;
-    mutable std::shared_mutex vector_mutex_;
+    std::mutex vector_config_mutex_;
 };
 
 }  // namespace vostra::data

@@ -1,5 +1,6 @@
-// The route table: which handler serves a path. Tests are made on the path as
+// The index of areas: which area serves a path. Tests are made on the path as
 // received, query string included, in table order; the first match wins.
+// Each area then picks its own row by method and pattern (route_table.h).
 #include <string_view>
 
 #include "daemon/data_daemon.h"
@@ -14,37 +15,38 @@ enum class Match { Exact, Prefix };
 
 void DataDaemon::dispatch(const HttpRequest& request) {
     using Handler = void (DataDaemon::*)(const HttpRequest&);
-    struct Route {
+    struct Area {
         Match match;
         std::string_view pattern;
         Handler handler;
     };
     // Areas not built into this daemon have no row and answer as unmatched.
-    static constexpr Route kRoutes[] = {
+    static constexpr Area kAreas[] = {
         {Match::Exact, "/health", &DataDaemon::handleHealth},
         {Match::Exact, "/api/v1/health", &DataDaemon::handleHealth},
         {Match::Exact, "/metrics", &DataDaemon::handleMetrics},
         {Match::Exact, "/api/v1/metrics", &DataDaemon::handleMetrics},
         {Match::Exact, "/info", &DataDaemon::handleInfo},
         {Match::Exact, "/api/v1/info", &DataDaemon::handleInfo},
-        {Match::Exact, "/api/v1/data/sources", &DataDaemon::handleSources},
-        {Match::Prefix, "/api/v1/data/sources/", &DataDaemon::handleSourceById},
-        {Match::Exact, "/api/v1/data/query", &DataDaemon::handleQuery},
-        {Match::Exact, "/api/v1/data/execute", &DataDaemon::handleExecute},
+        {Match::Exact, "/api/v1/data/sources", &DataDaemon::handleDataApi},
+        {Match::Prefix, "/api/v1/data/sources/", &DataDaemon::handleDataApi},
+        {Match::Exact, "/api/v1/data/query", &DataDaemon::handleDataApi},
+        {Match::Exact, "/api/v1/data/execute", &DataDaemon::handleDataApi},
         {Match::Exact, "/api/v1/tenants", &DataDaemon::handleTenants},
-        {Match::Prefix, "/api/v1/tenants/", &DataDaemon::handleTenantById},
+        {Match::Prefix, "/api/v1/tenants/", &DataDaemon::handleTenants},
         {Match::Prefix, "/api/v1/storage/", &DataDaemon::handleStorage},
         {Match::Exact, "/api/v1/data/cluster-resources", &DataDaemon::handleClusterResources},
+        {Match::Exact, "/api/v1/vector/config", &DataDaemon::handleVectorConfig},
         {Match::Prefix, "/api/v1/vector", &DataDaemon::handleVectorApi},
         {Match::Exact, "/", &DataDaemon::handleRootRedirect},
     };
 
     const std::string_view path = request.path;
-    for (const Route& route : kRoutes) {
-        const bool hit = route.match == Match::Exact ? path == route.pattern
-                                                     : path.starts_with(route.pattern);
+    for (const Area& area : kAreas) {
+        const bool hit = area.match == Match::Exact ? path == area.pattern
+                                                    : path.starts_with(area.pattern);
         if (hit) {
-            (this->*route.handler)(request);
+            (this->*area.handler)(request);
             return;
         }
     }

@@ -23,9 +23,7 @@ constexpr const char* kTenantSubdirs[] = {"swarms", "artifacts", "sessions", "up
 using Clock = std::chrono::system_clock;
 
 StorageResult refusal(std::string message) {
-    StorageResult result = StorageResult::failure(std::move(message));
-    result.refused = true;
-    return result;
+    return StorageResult::failure(ErrorKind::Refused, std::move(message));
 }
 
 bool isSidecarName(std::string_view name) {
@@ -253,7 +251,7 @@ StorageResult FilesystemBackend::write(const std::string& tenant, const std::str
     if (auto refused = refuseLinks(tenant, rel, path)) return *refused;
     const fs::path full = buildPath(tenant, rel);
     if (!ensureParentDirs(full))
-        return StorageResult::failure("Failed to create parent directories");
+        return StorageResult::failure(ErrorKind::Internal, "Failed to create parent directories");
 
     switch (writeWhole(full, data)) {
         case FileIo::Ok:
@@ -261,9 +259,9 @@ StorageResult FilesystemBackend::write(const std::string& tenant, const std::str
         case FileIo::NotRegular:
             return refusal("Not a regular file: " + path);
         case FileIo::OpenFailed:
-            return StorageResult::failure("Failed to open file for writing: " + path);
+            return StorageResult::failure(ErrorKind::Internal, "Failed to open file for writing: " + path);
         case FileIo::IoFailed:
-            return StorageResult::failure("Failed to write file: " + path);
+            return StorageResult::failure(ErrorKind::Internal, "Failed to write file: " + path);
     }
 
     FileEntry entry;
@@ -301,8 +299,8 @@ StorageResult FilesystemBackend::read(const std::string& tenant, const std::stri
     const fs::path full = buildPath(tenant, rel);
     std::error_code error;
     const fs::file_status status = fs::symlink_status(full, error);
-    if (!fs::exists(status)) return StorageResult::failure("File not found: " + path);
-    if (fs::is_directory(status)) return StorageResult::failure("Path is a directory: " + path);
+    if (!fs::exists(status)) return StorageResult::failure(ErrorKind::NotFound, "File not found: " + path);
+    if (fs::is_directory(status)) return StorageResult::failure(ErrorKind::Conflict, "Path is a directory: " + path);
 
     StorageResult result;
     switch (readRange(full, offset, length, result.data)) {
@@ -311,7 +309,7 @@ StorageResult FilesystemBackend::read(const std::string& tenant, const std::stri
         case FileIo::NotRegular:
             return refusal("Not a regular file: " + path);
         default:
-            return StorageResult::failure("Failed to open file: " + path);
+            return StorageResult::failure(ErrorKind::Internal, "Failed to open file: " + path);
     }
     result.success = true;
     result.bytes_read = static_cast<int64_t>(result.data.size());
@@ -329,7 +327,7 @@ StorageResult FilesystemBackend::list(const std::string& tenant, const std::stri
     const fs::path root = tenantRoot(tenant);
     std::error_code error;
     if (!fs::is_directory(fs::symlink_status(dir, error)))
-        return StorageResult::failure("Path not found: " + path);
+        return StorageResult::failure(ErrorKind::NotFound, "Path not found: " + path);
 
     std::vector<FileEntry> found;
     auto consider = [&](const fs::directory_entry& item) {
@@ -376,7 +374,7 @@ StorageResult FilesystemBackend::stat(const std::string& tenant, const std::stri
     const fs::path full = buildPath(tenant, rel);
     std::error_code error;
     if (!fs::exists(fs::symlink_status(full, error)))
-        return StorageResult::failure("Path not found: " + path);
+        return StorageResult::failure(ErrorKind::NotFound, "Path not found: " + path);
     StorageResult result;
     result.success = true;
     result.entry = describe(full, rel, true);
@@ -391,9 +389,9 @@ StorageResult FilesystemBackend::mkdir(const std::string& tenant, const std::str
     std::error_code error;
     const fs::file_status status = fs::symlink_status(full, error);
     if (fs::exists(status) && !fs::is_directory(status))
-        return StorageResult::failure("Path exists and is not a directory: " + path);
+        return StorageResult::failure(ErrorKind::Conflict, "Path exists and is not a directory: " + path);
     fs::create_directories(full, error);
-    if (error) return StorageResult::failure("Failed to create directory: " + path);
+    if (error) return StorageResult::failure(ErrorKind::Internal, "Failed to create directory: " + path);
     StorageResult result;
     result.success = true;
     result.entry = describe(full, rel, false);
@@ -408,7 +406,7 @@ StorageResult FilesystemBackend::remove(const std::string& tenant, const std::st
     const fs::path full = buildPath(tenant, rel);
     std::error_code error;
     const fs::file_status status = fs::symlink_status(full, error);
-    if (!fs::exists(status)) return StorageResult::failure("Path not found: " + path);
+    if (!fs::exists(status)) return StorageResult::failure(ErrorKind::NotFound, "Path not found: " + path);
 
     if (fs::is_directory(status)) {
         if (recursive) {
@@ -416,7 +414,7 @@ StorageResult FilesystemBackend::remove(const std::string& tenant, const std::st
             fs::remove_all(full, error);
         } else {
             if (!fs::is_empty(full, error))
-                return StorageResult::failure("Directory not empty: " + path);
+                return StorageResult::failure(ErrorKind::Conflict, "Directory not empty: " + path);
             fs::remove(full, error);
         }
     } else {
@@ -426,7 +424,7 @@ StorageResult FilesystemBackend::remove(const std::string& tenant, const std::st
             fs::remove(sidecarOf(full), ignored);
         }
     }
-    if (error) return StorageResult::failure("Failed to remove: " + path);
+    if (error) return StorageResult::failure(ErrorKind::Internal, "Failed to remove: " + path);
     StorageResult result;
     result.success = true;
     return result;
@@ -444,7 +442,7 @@ std::optional<StorageResult> FilesystemBackend::resolveTransfer(const std::strin
     out.target = buildPath(tenant, out.to_rel);
     std::error_code error;
     out.status = fs::symlink_status(out.source, error);
-    if (!fs::exists(out.status)) return StorageResult::failure("Source path not found: " + from);
+    if (!fs::exists(out.status)) return StorageResult::failure(ErrorKind::NotFound, "Source path not found: " + from);
     return std::nullopt;
 }
 
@@ -456,10 +454,10 @@ StorageResult FilesystemBackend::move(const std::string& tenant, const std::stri
     const auto& [from_rel, to_rel, source, target, status] = transfer;
     std::error_code error;
     if (!ensureParentDirs(target))
-        return StorageResult::failure("Failed to create parent directories");
+        return StorageResult::failure(ErrorKind::Internal, "Failed to create parent directories");
 
     fs::rename(source, target, error);
-    if (error) return StorageResult::failure("Failed to move: " + from);
+    if (error) return StorageResult::failure(ErrorKind::Internal, "Failed to move: " + from);
     if (!fs::is_directory(status)) {
         // The target must not keep the sidecar of a file it replaced.
         std::error_code ignored;
@@ -485,16 +483,16 @@ StorageResult FilesystemBackend::copy(const std::string& tenant, const std::stri
     if (fs::is_directory(status)) {
         // A copy into its own subtree would keep finding what it just made.
         if (isSameOrBelow(to_rel, from_rel))
-            return StorageResult::failure("Cannot copy a directory into itself: " + from);
+            return StorageResult::failure(ErrorKind::Invalid, "Cannot copy a directory into itself: " + from);
         if (auto refused = refuseLinksInTree(source, from)) return *refused;
         if (!ensureParentDirs(target))
-            return StorageResult::failure("Failed to create parent directories");
+            return StorageResult::failure(ErrorKind::Internal, "Failed to create parent directories");
         fs::copy(source, target, fs::copy_options::recursive | fs::copy_options::overwrite_existing,
                  error);
     } else {
         if (!fs::is_regular_file(status)) return refusal("Not a regular file: " + from);
         if (!ensureParentDirs(target))
-            return StorageResult::failure("Failed to create parent directories");
+            return StorageResult::failure(ErrorKind::Internal, "Failed to create parent directories");
         fs::copy_file(source, target, fs::copy_options::overwrite_existing, error);
         if (!error) {
             std::error_code ignored;
@@ -506,7 +504,7 @@ StorageResult FilesystemBackend::copy(const std::string& tenant, const std::stri
                 fs::remove(sidecarOf(target), ignored);
         }
     }
-    if (error) return StorageResult::failure("Failed to copy: " + from);
+    if (error) return StorageResult::failure(ErrorKind::Internal, "Failed to copy: " + from);
     StorageResult result;
     result.success = true;
     result.entry = describe(target, to_rel, true);

@@ -96,9 +96,9 @@ StorageResult MemoryBackend::write(const std::string& tenant, const std::string&
     const std::string key = tenant + "/" + rel;
     auto existing = files_.find(key);
     if (rel.empty() || (existing != files_.end() && existing->second.is_directory))
-        return StorageResult::failure("Failed to open file for writing: " + path);
+        return StorageResult::failure(ErrorKind::Internal, "Failed to open file for writing: " + path);
     if (!ensureParentMarkers(tenant, rel))
-        return StorageResult::failure("Failed to create parent directories");
+        return StorageResult::failure(ErrorKind::Internal, "Failed to create parent directories");
 
     MemoryFile& file = files_[key];
     const auto now = Clock::now();
@@ -121,7 +121,7 @@ StorageResult MemoryBackend::read(const std::string& tenant, const std::string& 
     const std::string key = buildKey(tenant, path);
     auto it = files_.find(key);
     if (it == files_.end() || it->second.is_directory)
-        return StorageResult::failure("File not found: " + path);
+        return StorageResult::failure(ErrorKind::NotFound, "File not found: " + path);
 
     const std::string& data = it->second.data;
     const std::size_t start = std::min<std::size_t>(std::max<int64_t>(offset, 0), data.size());
@@ -140,7 +140,7 @@ StorageResult MemoryBackend::stat(const std::string& tenant, const std::string& 
     std::lock_guard lock(mutex_);
     const std::string key = buildKey(tenant, path);
     auto it = files_.find(key);
-    if (it == files_.end()) return StorageResult::failure("File not found: " + path);
+    if (it == files_.end()) return StorageResult::failure(ErrorKind::NotFound, "File not found: " + path);
     StorageResult result = succeeded();
     result.entry = describe(tenant, key, it->second);
     return result;
@@ -153,7 +153,7 @@ StorageResult MemoryBackend::list(const std::string& tenant, const std::string& 
     const std::string key = buildKey(tenant, path);
     auto dir = files_.find(key);
     if (dir == files_.end() || !dir->second.is_directory)
-        return StorageResult::failure("Path not found: " + path);
+        return StorageResult::failure(ErrorKind::NotFound, "Path not found: " + path);
 
     const std::string prefix = childPrefix(key);
     std::vector<FileEntry> found;
@@ -176,9 +176,9 @@ StorageResult MemoryBackend::mkdir(const std::string& tenant, const std::string&
     const std::string key = tenant + "/" + rel;
     auto it = files_.find(key);
     if (it != files_.end() && !it->second.is_directory)
-        return StorageResult::failure("Path exists and is not a directory: " + path);
+        return StorageResult::failure(ErrorKind::Conflict, "Path exists and is not a directory: " + path);
     if (!ensureParentMarkers(tenant, rel))
-        return StorageResult::failure("Failed to create directory: " + path);
+        return StorageResult::failure(ErrorKind::Internal, "Failed to create directory: " + path);
     if (it == files_.end()) {
         MemoryFile marker;
         marker.is_directory = true;
@@ -196,9 +196,9 @@ StorageResult MemoryBackend::remove(const std::string& tenant, const std::string
     const std::string key = buildKey(tenant, path);
     const auto doomed = subtree(key);
     if (doomed.empty() || doomed.front()->first != key)
-        return StorageResult::failure("Path not found: " + path);
+        return StorageResult::failure(ErrorKind::NotFound, "Path not found: " + path);
     if (!recursive && doomed.size() > 1)
-        return StorageResult::failure("Directory not empty: " + path);
+        return StorageResult::failure(ErrorKind::Conflict, "Directory not empty: " + path);
     for (auto it : doomed)
         files_.erase(it);
     return succeeded();
@@ -212,20 +212,22 @@ StorageResult MemoryBackend::transfer(const std::string& tenant, const std::stri
     const std::string to_key = tenant + "/" + to_rel;
     const auto moving = subtree(from_key);
     if (moving.empty() || moving.front()->first != from_key)
-        return StorageResult::failure("Source not found: " + from);
+        return StorageResult::failure(ErrorKind::NotFound, "Source not found: " + from);
     const bool is_directory = moving.front()->second.is_directory;
     const std::string failed = (erase_source ? "Failed to move: " : "Failed to copy: ") + from;
     if (is_directory && isSameOrBelow(to_rel, from_rel))
-        return StorageResult::failure(
-            erase_source ? failed : "Cannot copy a directory into itself: " + from);
+        return erase_source ? StorageResult::failure(ErrorKind::Conflict, failed)
+                            : StorageResult::failure(ErrorKind::Invalid,
+                                                     "Cannot copy a directory into itself: " + from);
     // As rename(2) and copy_file do: a file onto itself moves nowhere and
     // cannot be copied; nothing replaces an entry of the other kind.
-    if (from_rel == to_rel) return erase_source ? succeeded() : StorageResult::failure(failed);
+    if (from_rel == to_rel)
+        return erase_source ? succeeded() : StorageResult::failure(ErrorKind::Conflict, failed);
     auto target = files_.find(to_key);
     if (to_rel.empty() || (target != files_.end() && target->second.is_directory != is_directory))
-        return StorageResult::failure(failed);
+        return StorageResult::failure(ErrorKind::Conflict, failed);
     if (!ensureParentMarkers(tenant, to_rel))
-        return StorageResult::failure("Failed to create parent directories");
+        return StorageResult::failure(ErrorKind::Internal, "Failed to create parent directories");
 
     std::vector<std::pair<std::string, MemoryFile>> copies;
     for (auto it : moving)

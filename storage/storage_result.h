@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/status.h"
 #include "storage/file_entry.h"
 
 namespace vostra::data {
@@ -23,17 +24,17 @@ struct StorageResult {
     std::string data;  // bytes read; may be binary
     int64_t bytes_written = 0;
     int64_t bytes_read = 0;
-    // Set with a failure when the request was refused as unsafe (a symbolic
-    // link on the way) rather than simply not satisfiable; callers report it
-    // as a bad request, never as "not found". Not part of the JSON.
-    bool refused = false;
+    // What kind of failure this is (None on success); an unsafe request (a
+    // symbolic link on the way) is Refused, never NotFound. Not in the JSON.
+    ErrorKind kind = ErrorKind::None;
 
     // "success" and "error" always; "entry" when present, "entries" when
     // non-empty, "data" when non-empty, the byte counts when above zero.
     nlohmann::json toJson() const;
 
-    static StorageResult failure(std::string message) {
+    static StorageResult failure(ErrorKind kind, std::string message) {
         StorageResult result;
+        result.kind = kind;
         result.error = std::move(message);
         return result;
     }

@@ -5,6 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "common/atomic_file.h"
+#include "common/file_name.h"
 #include "common/log.h"
 #include "common/random_id.h"
 #include "storage/content_type.h"
@@ -17,6 +19,7 @@ namespace {
 
 constexpr vostra::Log kLog("[StorageService] ");
 constexpr const char* kTenantsFile = "/system/tenants.json";
+constexpr std::string_view kTenantNotFound = "Tenant not found: ";
 constexpr const char* kJsonType = "application/json";
 constexpr int kSubscriptionIdDigits = 16;
 
@@ -66,7 +69,7 @@ bool StorageService::initialize(const StorageServiceConfig& config) {
     // table with the default tenant alone.
     const TenantConfig& configured = config_.default_tenant;
     const TenantConfig tenant = configured.id.empty() ? builtInDefaultTenant() : configured;
-    if (insertTenant(tenant))
+    if (insertTenant(tenant).ok())
         backend_->createTenantDirectory(tenant.id);
     else
         kLog.error("Cannot create default tenant: ", tenant.id);
@@ -82,11 +85,9 @@ void StorageService::shutdown() {
 }
 
 std::string StorageService::tenantIdProblem(std::string_view id) {
-    if (id.empty()) return "Invalid tenant id: the id is empty";
-    if (id == "." || id.find("..") != std::string_view::npos ||
-        id.find('/') != std::string_view::npos || id.find('\0') != std::string_view::npos)
-        return "Invalid tenant id (\"/\", \"..\" and \".\" are not allowed): " + std::string(id);
-    return {};
+    const std::string problem = vostra::fileNameProblem(id);
+    if (problem.empty()) return {};
+    return "Invalid tenant id (" + problem + "): " + std::string(id);
 }
 
 bool StorageService::validateTenantAccess(const std::string& tenant) const {
@@ -100,20 +101,30 @@ bool StorageService::validateTenantAccess(const std::string& tenant) const {
 
 std::optional<StorageResult> StorageService::refuseAccess(const std::string& tenant) const {
     if (!validateTenantAccess(tenant))
-        return StorageResult::failure("Tenant not found or access denied: " + tenant);
-    if (!backend_) return StorageResult::failure("Storage service not available");
+        return StorageResult::failure(ErrorKind::NotFound, "Tenant not found or access denied: " + tenant);
+    if (!backend_) return StorageResult::failure(ErrorKind::Unavailable, "Storage service not available");
     return std::nullopt;
 }
 
 TenantUsage StorageService::getTenantUsage(const std::string& tenant) const {
     TenantUsage usage;
-    // ".." would walk the whole storage root and report every tenant's use.
-    if (backend_ && tenantIdProblem(tenant).empty()) usage = backend_->getTenantUsage(tenant);
+    // An unusable id answers all zero: ".." would walk the whole storage
+    // root and report every tenant's use.
+    (void)tryGetTenantUsage(tenant, usage);
+    return usage;
+}
+
+Status StorageService::tryGetTenantUsage(const std::string& tenant, TenantUsage& usage) const {
+    usage = TenantUsage{};
+    usage.tenant_id = tenant;
+    if (std::string problem = tenantIdProblem(tenant); !problem.empty())
+        return Status::failure(ErrorKind::Invalid, std::move(problem));
+    if (backend_) usage = backend_->getTenantUsage(tenant);
     usage.tenant_id = tenant;
     std::lock_guard lock(tenants_mutex_);
     auto it = tenants_.find(tenant);
     usage.storage_quota_bytes = it == tenants_.end() ? 0 : it->second.storage_quota_bytes;
-    return usage;
+    return Status::success();
 }
 
 bool StorageService::checkQuota(const std::string& tenant, int64_t additional_bytes) const {
@@ -128,7 +139,7 @@ bool StorageService::checkQuota(const std::string& tenant, int64_t additional_by
 std::optional<StorageResult> StorageService::refuseQuota(const std::string& tenant,
                                                          int64_t additional_bytes) const {
     if (checkQuota(tenant, additional_bytes)) return std::nullopt;
-    return StorageResult::failure("Storage quota exceeded for tenant: " + tenant);
+    return StorageResult::failure(ErrorKind::QuotaExceeded, "Storage quota exceeded for tenant: " + tenant);
 }
 
 std::string StorageService::getAbsolutePath(const std::string& tenant,
@@ -150,10 +161,8 @@ StorageResult StorageService::read(const StorageReadRequest& request) {
 StorageResult StorageService::write(const StorageWriteRequest& request) {
     if (auto refused = refuseAccess(request.tenant_id)) return *refused;
     if (!isValidContentType(request.content_type)) {
-        StorageResult refused =
-            StorageResult::failure("Invalid content type: " + request.content_type);
-        refused.refused = true;
-        return refused;
+        return StorageResult::failure(ErrorKind::Invalid,
+                                      "Invalid content type: " + request.content_type);
     }
     if (auto refused = refuseQuota(request.tenant_id, static_cast<int64_t>(request.data.size())))
         return *refused;
@@ -209,7 +218,7 @@ StorageResult StorageService::copy(const std::string& tenant, const std::string&
     if (auto refused = refuseAccess(tenant)) return *refused;
     // A source that cannot be found adds nothing; the copy itself reports it.
     const StorageResult source = backend_->stat(tenant, from);
-    if (source.refused) return source;
+    if (source.kind == ErrorKind::Refused) return source;
     int64_t added = source.entry ? source.entry->size_bytes : 0;
     // A directory's own size says nothing of what a copy adds; without this
     // repeated directory copies would grow a tenant past any quota.
@@ -256,62 +265,80 @@ void StorageService::notifySubscribers(const std::string& tenant, const std::str
     }
 }
 
-nlohmann::json StorageService::getMetrics() const {
-    std::size_t tenant_count = 0;
-    std::size_t subscription_count = 0;
+StorageService::Figures StorageService::figures() const {
+    Figures figures;
+    figures.total_writes = total_writes_.load();
+    figures.total_reads = total_reads_.load();
+    figures.total_deletes = total_deletes_.load();
+    figures.bytes_written = bytes_written_.load();
+    figures.bytes_read = bytes_read_.load();
     {
         std::lock_guard lock(tenants_mutex_);
-        tenant_count = tenants_.size();
+        figures.tenant_count = tenants_.size();
     }
-    {
-        std::lock_guard lock(subscriptions_mutex_);
-        subscription_count = subscriptions_.size();
-    }
-    return {{"total_writes", total_writes_.load()},
-            {"total_reads", total_reads_.load()},
-            {"total_deletes", total_deletes_.load()},
-            {"bytes_written", bytes_written_.load()},
-            {"bytes_read", bytes_read_.load()},
+    std::lock_guard lock(subscriptions_mutex_);
+    figures.subscription_count = subscriptions_.size();
+    return figures;
+}
+
+nlohmann::json StorageService::getMetrics() const {
+    const Figures f = figures();
+    return {{"total_writes", f.total_writes},
+            {"total_reads", f.total_reads},
+            {"total_deletes", f.total_deletes},
+            {"bytes_written", f.bytes_written},
+            {"bytes_read", f.bytes_read},
             {"backend", storageBackendName(config_.backend_type)},
-            {"tenant_count", tenant_count},
-            {"subscription_count", subscription_count}};
+            {"tenant_count", f.tenant_count},
+            {"subscription_count", f.subscription_count}};
 }
 
-bool StorageService::insertTenant(const TenantConfig& tenant) {
-    if (!tenantIdProblem(tenant.id).empty()) return false;
+Status StorageService::insertTenant(const TenantConfig& tenant) {
+    if (std::string problem = tenantIdProblem(tenant.id); !problem.empty())
+        return Status::failure(ErrorKind::Invalid, std::move(problem));
     std::lock_guard lock(tenants_mutex_);
-    return tenants_.emplace(tenant.id, tenant).second;
+    if (!tenants_.emplace(tenant.id, tenant).second)
+        return Status::failure(ErrorKind::Conflict, "Tenant already exists: " + tenant.id);
+    return Status::success();
 }
 
-bool StorageService::createTenant(const TenantConfig& tenant) {
-    if (!insertTenant(tenant)) return false;
+Status StorageService::tryCreateTenant(const TenantConfig& tenant) {
+    if (Status inserted = insertTenant(tenant); !inserted) return inserted;
     if (backend_ && !backend_->createTenantDirectory(tenant.id))
         kLog.error("Cannot create the directory of tenant: ", tenant.id);
     saveTenantsToMetadata();
     kLog.info("Created tenant: ", tenant.id);
-    return true;
+    return Status::success();
 }
 
-bool StorageService::updateTenant(const TenantConfig& tenant) {
+Status StorageService::tryUpdateTenant(const TenantConfig& tenant) {
     {
         std::lock_guard lock(tenants_mutex_);
         auto it = tenants_.find(tenant.id);
-        if (it == tenants_.end()) return false;
+        if (it == tenants_.end())
+            return Status::failure(ErrorKind::NotFound, std::string(kTenantNotFound) + tenant.id);
         it->second = tenant;
     }
     saveTenantsToMetadata();
-    return true;
+    return Status::success();
 }
 
-bool StorageService::deleteTenant(const std::string& id, bool force) {
+Status StorageService::tryDeleteTenant(const std::string& id, bool force) {
     {
         std::lock_guard lock(tenants_mutex_);
-        if (tenants_.erase(id) == 0) return false;
+        if (tenants_.erase(id) == 0)
+            return Status::failure(ErrorKind::NotFound, std::string(kTenantNotFound) + id);
     }
     if (force && backend_) backend_->deleteTenantDirectory(id);
     saveTenantsToMetadata();
     kLog.info("Deleted tenant: ", id);
-    return true;
+    return Status::success();
+}
+
+bool StorageService::createTenant(const TenantConfig& tenant) { return tryCreateTenant(tenant).ok(); }
+bool StorageService::updateTenant(const TenantConfig& tenant) { return tryUpdateTenant(tenant).ok(); }
+bool StorageService::deleteTenant(const std::string& id, bool force) {
+    return tryDeleteTenant(id, force).ok();
 }
 
 std::optional<TenantConfig> StorageService::getTenant(const std::string& id) const {
@@ -352,19 +379,11 @@ void StorageService::saveTenantsToMetadata() {
         table.push_back(std::move(object));
     }
 
-    // Written beside and renamed over: a crash mid-write must not lose the table.
-    const std::string temporary = file + ".tmp";
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out << table.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
-        if (!out) {
-            kLog.error("Error saving tenants: cannot write ", temporary);
-            return;
-        }
-    }
-    std::error_code error;
-    std::filesystem::rename(temporary, file, error);
-    if (error) kLog.error("Error saving tenants: ", error.message());
+    // Without api_keys, so the table may be readable by all.
+    const std::string text =
+        table.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+    if (const vostra::Status saved = vostra::writeFileAtomically(file, text, 0644); !saved)
+        kLog.error("Error saving tenants: ", saved.message);
 }
 
 void StorageService::loadTenantsFromDisk() {
@@ -387,7 +406,7 @@ void StorageService::loadTenantsFromDisk() {
                 continue;
             }
             // The tenant already in the table (the configured default) wins.
-            if (insertTenant(tenant) && backend_) backend_->createTenantDirectory(tenant.id);
+            if (insertTenant(tenant).ok() && backend_) backend_->createTenantDirectory(tenant.id);
         } catch (const nlohmann::json::exception& error) {
             kLog.error("Error loading tenants: ", error.what());
         }

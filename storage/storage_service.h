@@ -25,6 +25,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/status.h"
 #include "storage/storage_requests.h"
 #include "storage/storage_result.h"
 #include "storage/storage_service_config.h"
@@ -82,6 +83,9 @@ public:
     // The backend's figures with the quota from the tenant table (0 for an
     // unknown tenant); all zero for an id that tenantIdProblem refuses.
     TenantUsage getTenantUsage(const std::string& tenant) const;
+    // As getTenantUsage, but an unusable id fails (Invalid, with
+    // tenantIdProblem's message) and leaves only the id in `usage`.
+    Status tryGetTenantUsage(const std::string& tenant, TenantUsage& usage) const;
     // True when `additional_bytes` more would not pass the quota (equal to
     // it is still allowed). Without a backend only for 0 or fewer bytes.
     bool checkQuota(const std::string& tenant, int64_t additional_bytes) const;
@@ -97,17 +101,33 @@ public:
                           ChangeCallback callback);
     void unsubscribe(const std::string& id);
 
-    // Counters, backend name, tenant and subscription counts.
+    // The service's counters since initialize(), and its table sizes.
+    struct Figures {
+        int64_t total_writes = 0;
+        int64_t total_reads = 0;
+        int64_t total_deletes = 0;
+        int64_t bytes_written = 0;
+        int64_t bytes_read = 0;
+        std::size_t tenant_count = 0;
+        std::size_t subscription_count = 0;
+    };
+    Figures figures() const;
+    // The figures as JSON, with the backend's name.
     nlohmann::json getMetrics() const;
 
-    // Why `id` cannot name a tenant (empty, ".", "..", a "/", a ".." or a NUL
-    // in it: it names a directory under the storage root), or empty when
-    // it can.
+    // Why `id` cannot name a tenant (it names a directory under the storage
+    // root, so it must pass vostra::fileNameProblem), or empty when it can.
     static std::string tenantIdProblem(std::string_view id);
 
-    // Tenants. createTenant refuses an existing or unusable id; updateTenant
-    // replaces the whole record of an existing id. deleteTenant keeps the
-    // tenant's files unless `force`. Each change rewrites the persisted table.
+    // Tenants. tryCreateTenant refuses an unusable id (Invalid, with
+    // tenantIdProblem's message) or an existing one (Conflict);
+    // tryUpdateTenant replaces the whole record of an existing id (else
+    // NotFound). tryDeleteTenant keeps the tenant's files unless `force`
+    // (NotFound for an unknown id). Each change rewrites the persisted table.
+    // The bool forms say only whether the change was made.
+    Status tryCreateTenant(const TenantConfig& tenant);
+    Status tryUpdateTenant(const TenantConfig& tenant);
+    Status tryDeleteTenant(const std::string& id, bool force);
     bool createTenant(const TenantConfig& tenant);
     bool updateTenant(const TenantConfig& tenant);
     bool deleteTenant(const std::string& id, bool force);
@@ -149,8 +169,8 @@ private:
     std::optional<StorageResult> refuseAccess(const std::string& tenant) const;
     std::optional<StorageResult> refuseQuota(const std::string& tenant,
                                              int64_t additional_bytes) const;
-    // Inserts without persisting; false for an existing or unusable id.
-    bool insertTenant(const TenantConfig& tenant);
+    // Inserts without persisting; fails for an unusable or existing id.
+    Status insertTenant(const TenantConfig& tenant);
     std::string tenantsFile() const;
     StorageResult storeJson(const std::string& tenant, const std::string& path,
                             const nlohmann::json& document);

@@ -9,7 +9,7 @@
 
 #include "common/curl_handle.h"
 #include "common/log.h"
-#include "connectors/sanitize_utf8.h"
+#include "common/sanitize_utf8.h"
 
 namespace vostra::data {
 namespace {

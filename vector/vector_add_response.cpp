@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "connectors/sanitize_utf8.h"
+#include "common/sanitize_utf8.h"
 
 namespace vostra::data {
 

@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/json_fields.h"
-#include "connectors/sanitize_utf8.h"
+#include "common/sanitize_utf8.h"
 
 namespace vostra::data {
 

@@ -22,10 +22,10 @@ nlohmann::json VectorSearchResponse::toJson() const {
     return out;
 }
 
-VectorSearchResponse VectorSearchResponse::failure(std::string message, bool refused) {
+VectorSearchResponse VectorSearchResponse::failure(ErrorKind kind, std::string message) {
     VectorSearchResponse response;
     response.error = std::move(message);
-    response.refused = refused;
+    response.kind = kind;
     return response;
 }
 

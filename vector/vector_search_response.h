@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/status.h"
 #include "vector/vector_document.h"
 
 namespace vostra::data {
@@ -23,10 +24,9 @@ struct VectorSearchResponse {
     std::vector<VectorSearchResult> results;  // best first
     double search_time_ms = 0.0;
     int64_t total_searched = 0;  // documents in the namespace
-    // Set with a failure caused by the request itself (a filter key the
-    // backend cannot use), so callers can answer it as a bad request.
-    // Not part of the JSON.
-    bool refused = false;
+    // None on success; Invalid when the request itself was at fault (a
+    // filter key the backend cannot use). Not part of the JSON.
+    ErrorKind kind = ErrorKind::None;
 
     // "success", "results" (each the document's JSON plus "score",
     // "distance" and, when the document still carries its vector,
@@ -34,7 +34,7 @@ struct VectorSearchResponse {
     // when the search failed.
     nlohmann::json toJson() const;
 
-    static VectorSearchResponse failure(std::string message, bool refused = false);
+    static VectorSearchResponse failure(ErrorKind kind, std::string message);
 };
 
 }  // namespace vostra::data

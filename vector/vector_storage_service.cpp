@@ -6,6 +6,8 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "common/atomic_file.h"
+#include "common/file_name.h"
 #include "common/log.h"
 #include "common/random_id.h"
 #include "vector/embedding_provider.h"
@@ -52,24 +54,14 @@ std::optional<std::string> readFile(const std::string& path) {
     return text.str();
 }
 
-// Written beside the target and renamed over it, so a crash never leaves a
-// half-written file where the last good one was.
-bool writeFileAtomically(const std::string& path, const std::string& text) {
-    const std::string temporary = path + ".tmp";
-    {
-        std::ofstream file(temporary, std::ios::trunc);
-        if (!(file << text) || !file.flush()) {
-            kLog.error("Cannot write ", temporary);
-            return false;
-        }
-    }
-    std::error_code error;
-    fs::rename(temporary, path, error);
-    if (error) {
-        kLog.error("Cannot replace ", path, ": ", error.message());
-        return false;
-    }
-    return true;
+// Settings and the namespace table hold no secrets: readable by all, as the
+// databases beside them.
+constexpr mode_t kStateFileMode = 0644;
+
+bool saveStateFile(const std::string& path, const std::string& text) {
+    const vostra::Status saved = vostra::writeFileAtomically(path, text, kStateFileMode);
+    if (!saved) kLog.error(saved.message);
+    return saved.ok();
 }
 
 std::string dumpJson(const nlohmann::json& json) {
@@ -200,7 +192,7 @@ bool VectorStorageService::saveConfigFile(const VectorStorageConfig& config) {
         kLog.error("Failed to create storage path: ", error.message());
         return false;
     }
-    return writeFileAtomically(config.storage_path + kConfigFile, dumpJson(config.toJson()));
+    return saveStateFile(config.storage_path + kConfigFile, dumpJson(config.toJson()));
 }
 
 VectorStorageConfig VectorStorageService::getConfig() const {
@@ -253,11 +245,7 @@ std::string VectorStorageService::getBackendKey(const std::string& tenant, const
 }
 
 std::string VectorStorageService::idProblem(std::string_view id) {
-    if (id.empty()) return "empty id";
-    if (id == "." || id == "..") return "reserved id";
-    if (id.find('/') != std::string_view::npos) return "id contains '/'";
-    if (id.find('\0') != std::string_view::npos) return "id contains NUL";
-    return {};
+    return vostra::fileNameProblem(id);
 }
 
 std::string VectorStorageService::databasePath(const std::string& tenant,
@@ -427,7 +415,7 @@ void VectorStorageService::saveNamespaceMetaLocked() {
     nlohmann::json table = nlohmann::json::array();
     for (const auto& [key, record] : namespaces_)
         table.push_back(record.toJson());
-    writeFileAtomically(getConfig().storage_path + kNamespacesFile, dumpJson(table));
+    saveStateFile(getConfig().storage_path + kNamespacesFile, dumpJson(table));
 }
 
 std::vector<std::string> VectorStorageService::chunkText(const std::string& text) const {
@@ -517,11 +505,11 @@ VectorSearchResponse VectorStorageService::search(const VectorSearchRequest& req
     const auto start = Clock::now();
     std::shared_ptr<IVectorBackend> backend =
         getOrCreateBackend(request.tenant_id, request.namespace_id);
-    if (!backend) return VectorSearchResponse::failure("Namespace not found");
+    if (!backend) return VectorSearchResponse::failure(ErrorKind::Internal, "Namespace not found");
     if (!getConfig().usesMemoryBackend())
         for (const auto& [key, value] : request.filter)
             if (!SQLiteVectorBackend::isUsableMetadataKey(key))
-                return VectorSearchResponse::failure("Invalid filter key: " + key, true);
+                return VectorSearchResponse::failure(ErrorKind::Invalid, "Invalid filter key: " + key);
 
     std::vector<float> query = request.query_embedding;
     if (query.empty() && !request.query.empty()) {
@@ -531,7 +519,7 @@ VectorSearchResponse VectorStorageService::search(const VectorSearchRequest& req
             embedding_time_ms_.fetch_add(millisecondsSince(embed_start));
         }
     }
-    if (query.empty()) return VectorSearchResponse::failure("No query embedding provided");
+    if (query.empty()) return VectorSearchResponse::failure(ErrorKind::Unavailable, "No query embedding provided");
 
     VectorSearchResponse response;
     response.total_searched = static_cast<int64_t>(backend->count());
@@ -554,10 +542,10 @@ VectorSearchResponse VectorStorageService::textSearch(const std::string& tenant,
                                                       const std::string& field) {
     const auto start = Clock::now();
     std::shared_ptr<IVectorBackend> backend = getOrCreateBackend(tenant, ns);
-    if (!backend) return VectorSearchResponse::failure("Namespace not found");
+    if (!backend) return VectorSearchResponse::failure(ErrorKind::Internal, "Namespace not found");
     if (!field.empty() && !getConfig().usesMemoryBackend() &&
         !SQLiteVectorBackend::isUsableMetadataKey(field))
-        return VectorSearchResponse::failure("Invalid field: " + field, true);
+        return VectorSearchResponse::failure(ErrorKind::Invalid, "Invalid field: " + field);
     VectorSearchResponse response;
     response.total_searched = static_cast<int64_t>(backend->count());
     response.results = backend->textSearch(query, limit, field);

@@ -109,8 +109,8 @@ public:
 
     // "<tenant>/<namespace>".
     static std::string getBackendKey(const std::string& tenant, const std::string& ns);
-    // Why `id` cannot name a tenant or namespace (empty, ".", "..", a "/" or
-    // a NUL in it: it becomes part of a file name), or empty when it can.
+    // Why `id` cannot name a tenant or namespace (it becomes part of a file
+    // name: vostra::fileNameProblem), or empty when it can.
     static std::string idProblem(std::string_view id);
     // The open backend of (tenant, namespace), opened or created on first
     // use; null when the ids are unusable, the service is not initialised,
@@ -148,7 +148,7 @@ public:
 
     // Fails with "Namespace not found" when no backend can be had, "No query
     // embedding provided" when there is neither a vector nor text and a
-    // provider, and (refused) "Invalid filter key: " + key when a SQLite
+    // provider, and (Invalid) "Invalid filter key: " + key when a SQLite
     // backend could not use the key.
     VectorSearchResponse search(const VectorSearchRequest& request);
     // As the backend's textSearch; fails like search.

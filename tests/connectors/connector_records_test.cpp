@@ -7,7 +7,7 @@
 #include "connectors/data_connector_factory.h"
 #include "connectors/data_source_config.h"
 #include "connectors/data_source_status.h"
-#include "connectors/sanitize_utf8.h"
+#include "common/sanitize_utf8.h"
 
 namespace vostra::data {
 namespace {

@@ -9,7 +9,6 @@
 #include <thread>
 
 #include "daemon/request_context.h"
-#include "daemon/route_paths.h"
 #include "tests/support/http_test_client.h"
 
 namespace vostra::data {
@@ -92,17 +91,6 @@ TEST(TenantExtraction, TriesTheTenantHeaderThenApiKeyThenBearerTokenThenDefault)
     const TenantContext context = extractTenantFromRequest(
         "GET /x HTTP/1.1\r\nX-Vostra-Org-Id: org-7\r\nX-Vostra-User-Id: u-9\r\n\r\n");
     EXPECT_EQ(context.org_id + " " + context.user_id, "org-7 u-9");
-}
-
-TEST(RoutePaths, SplitsIdAndSubPath) {
-    const PathParts plain = splitIdAndSubPath("/api/v1/data/sources/abc", "/api/v1/data/sources/");
-    EXPECT_EQ(plain.id + "|" + plain.rest, "abc|");
-    const PathParts nested =
-        splitIdAndSubPath("/api/v1/data/sources/abc/test", "/api/v1/data/sources/");
-    EXPECT_EQ(nested.id + "|" + nested.rest, "abc|/test");
-    const PathParts storage =
-        splitTenantAndPath("/api/v1/storage/acme/docs/a.txt", "/api/v1/storage/");
-    EXPECT_EQ(storage.id + "|" + storage.rest, "acme|docs/a.txt");
 }
 
 }  // namespace

@@ -120,33 +120,6 @@ TEST_P(StorageApiBehaviour, DotSpellingsAddressOneFileAndDeleteIsRecursive) {
     EXPECT_EQ(call("DELETE", kFiles + "acme/a").status, 404);
 }
 
-TEST_P(StorageApiBehaviour, TenantRoutesCreateReadReplaceAndDelete) {
-    EXPECT_EQ(addTenant("acme", {{"name", "second"}}).outcome(),
-              "400 Failed to create tenant (may already exist)");
-    EXPECT_EQ(call("GET", "/api/v1/tenants/acme").json()["name"], "");
-
-    ASSERT_EQ(addTenant("beta").status, 201);
-    EXPECT_EQ(call("GET", "/api/v1/tenants").json().size(), 3u);
-    EXPECT_EQ(call("GET", "/api/v1/tenants/ghost").outcome(), "404 Tenant not found");
-    EXPECT_EQ(call("GET", "/api/v1/tenants/acme/other").status, 404);
-    EXPECT_EQ(call("POST", "/api/v1/tenants", "{oops").status, 400);
-
-    EXPECT_EQ(
-        call("PUT", "/api/v1/tenants/acme", R"({"name":"n","enabled":true})").json()["status"],
-        "updated");
-    const json replaced = call("GET", "/api/v1/tenants/acme").json();
-    EXPECT_EQ(replaced["name"], "n");
-    EXPECT_EQ(replaced["api_access"], false);  // replaced whole, not merged
-    EXPECT_EQ(call("PUT", "/api/v1/tenants/ghost", "{}").status, 404);
-
-    ASSERT_EQ(call("PUT", kFiles + "beta/f.txt", "12345").status, 201);
-    const json usage = call("GET", "/api/v1/tenants/beta/usage").json();
-    EXPECT_EQ(usage["file_count"], 1);
-    EXPECT_GE(usage["storage_used_bytes"].get<int64_t>(), 5);
-    EXPECT_EQ(call("DELETE", "/api/v1/tenants/beta").json()["status"], "deleted");
-    EXPECT_EQ(call("DELETE", "/api/v1/tenants/beta").status, 404);
-}
-
 TEST_P(StorageApiBehaviour, DeletingATenantKeepsItsFilesUnlessForced) {
     for (const char* id : {"keep", "wipe"}) {
         ASSERT_EQ(addTenant(id).status, 201);

@@ -82,7 +82,7 @@ TEST_F(FilesystemBackendTest, RefusesEveryPathThroughAPlantedLinkAndNeverFollows
     };
     for (const auto& [what, result] : attempts) {
         EXPECT_FALSE(result.success) << what;
-        EXPECT_TRUE(result.refused) << what << ": " << result.error;
+        EXPECT_EQ(result.kind, ErrorKind::Refused) << what << ": " << result.error;
     }
     for (const FileEntry& entry : backend_.list("t", "", true, "", 100, 0).entries)
         EXPECT_EQ(entry.path.find("door"), std::string::npos);
@@ -96,17 +96,17 @@ TEST_F(FilesystemBackendTest, RefusesEveryPathThroughAPlantedLinkAndNeverFollows
 TEST_F(FilesystemBackendTest, RefusesATenantRootThatIsALink) {
     fs::create_directory_symlink(outside_, dir_ + "/base/tenants/evil");
     EXPECT_FALSE(backend_.createTenantDirectory("evil"));
-    EXPECT_TRUE(backend_.read("evil", "secret.txt", 0, -1).refused);
-    EXPECT_TRUE(backend_.list("evil", "", false, "", 100, 0).refused);
+    EXPECT_EQ(backend_.read("evil", "secret.txt", 0, -1).kind, ErrorKind::Refused);
+    EXPECT_EQ(backend_.list("evil", "", false, "", 100, 0).kind, ErrorKind::Refused);
     EXPECT_EQ(backend_.getTenantUsage("evil").storage_used_bytes, 0);
     EXPECT_FALSE(fs::exists(outside_ + "/swarms"));
 }
 
 TEST_F(FilesystemBackendTest, RefusesAPlantedFifoInsteadOfBlocking) {
     ASSERT_EQ(mkfifo((root_ + "/pipe").c_str(), 0600), 0);
-    EXPECT_TRUE(backend_.read("t", "pipe", 0, -1).refused);
+    EXPECT_EQ(backend_.read("t", "pipe", 0, -1).kind, ErrorKind::Refused);
     EXPECT_FALSE(backend_.write("t", "pipe", "x", "", {}).success);
-    EXPECT_TRUE(backend_.copy("t", "pipe", "p2").refused);
+    EXPECT_EQ(backend_.copy("t", "pipe", "p2").kind, ErrorKind::Refused);
 }
 
 TEST_F(FilesystemBackendTest, DistrustsASidecarWithAHeaderBreakingType) {

@@ -69,11 +69,11 @@ TEST(StorageResultJson, WritesOptionalKeysOnlyWhenTheyCarrySomethingAndTimesInMi
     full.entry.emplace().modified_at =
         std::chrono::system_clock::time_point(std::chrono::nanoseconds(2'999'999));
     full.bytes_read = 2;
-    full.refused = true;
+    full.kind = ErrorKind::Refused;
     const json out = full.toJson();
     EXPECT_EQ(out["entry"]["modified_at"], 2);  // truncated
     EXPECT_EQ(out["bytes_read"], 2);
-    EXPECT_EQ(out.size(), 4u) << out.dump();  // no "refused", nothing empty
+    EXPECT_EQ(out.size(), 4u) << out.dump();  // no kind, nothing empty
 }
 
 TEST(TenantConfigJson, QuotaInGibWinsRoundsDownOnTheWayOutAndSaturates) {

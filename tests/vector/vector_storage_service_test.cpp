@@ -175,7 +175,7 @@ TEST_P(SQLiteVectorService, TenantsWhoseFileNamesCollideAreKeptApart) {
 }
 
 TEST_P(SQLiteVectorService, TextSearchRefusesAFieldThatIsNotAPlainName) {
-    EXPECT_TRUE(service_->textSearch("acme", "default", "x", 10, "k)").refused);
+    EXPECT_EQ(service_->textSearch("acme", "default", "x", 10, "k)").kind, ErrorKind::Invalid);
     EXPECT_TRUE(service_->textSearch("acme", "default", "x", 10, "k.sub_2").success);
 }
 

@@ -1,8 +1,8 @@
-#include "connectors/sanitize_utf8.h"
+#include "common/sanitize_utf8.h"
 
 #include <cstddef>
 
-namespace vostra::data {
+namespace vostra {
 namespace {
 
 bool isContinuation(unsigned char byte) {
@@ -43,4 +43,4 @@ std::string sanitize_utf8(const std::string& text) {
     return out;
 }
 
-}  // namespace vostra::data
+}  // namespace vostra

@@ -1,4 +1,4 @@
-#include "daemon/controller_client.h"
+#include "cluster/controller_client.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,8 +1,8 @@
 // The controller client and cluster discovery against a fake controller.
 #include <gtest/gtest.h>
 
-#include "daemon/cluster_discovery.h"
-#include "daemon/controller_client.h"
+#include "cluster/cluster_discovery.h"
+#include "cluster/controller_client.h"
 #include "tests/support/fake_http_server.h"
 
 namespace vostra::data {

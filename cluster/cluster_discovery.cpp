@@ -1,4 +1,4 @@
-#include "daemon/cluster_discovery.h"
+#include "cluster/cluster_discovery.h"
 
 #include "common/http_client.h"
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace vostra::data {
+namespace vostra {
 
 // A copy in which every byte that is not part of a structurally complete
 // UTF-8 sequence becomes one "?". Only the lead/continuation structure is
@@ -13,4 +13,4 @@ namespace vostra::data {
 // U+10FFFF pass unchanged, which callers rely on.
 std::string sanitize_utf8(const std::string& text);
 
-}  // namespace vostra::data
+}  // namespace vostra
