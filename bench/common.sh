@@ -46,3 +46,28 @@ wrk_rate() {
   errors=$(echo "$out" | awk '/Socket errors/ {s=0; for (i=1;i<=NF;i++) if ($i ~ /^[0-9]+,?$/) s+=$i; print s}')
   echo "$rate ${errors:-0}"
 }
+
+# start_nginx <port> <http lines> <server lines>: a reference nginx on
+# loopback, one connection per request like the daemon, run until the script
+# ends. Its folder is $work/nginx.
+start_nginx() {
+  mkdir -p "$work/nginx"
+  cat >"$work/nginx/nginx.conf" <<CONF
+user $(id -un);
+worker_processes auto;
+pid $work/nginx/nginx.pid;
+error_log $work/nginx/error.log;
+events { worker_connections 4096; }
+http {
+  access_log off;
+  keepalive_timeout 0;
+$2
+  server {
+    listen 127.0.0.1:$1;
+$3
+  }
+}
+CONF
+  nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" -g 'daemon off;' &
+  pids+=($!)
+}

@@ -12,26 +12,10 @@ datad_port=$(free_port)
 start_datad "$datad_port"
 
 nginx_port=$(free_port)
-mkdir -p "$work/nginx"
-cat >"$work/nginx/nginx.conf" <<CONF
-worker_processes auto;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx/error.log;
-events { worker_connections 4096; }
-http {
-  access_log off;
-  keepalive_timeout 0;
-  server {
-    listen 127.0.0.1:$nginx_port;
-    location / {
+start_nginx "$nginx_port" "" "    location / {
       default_type application/json;
-      return 200 '{"status":"healthy","daemon_id":"data-000000000000","uptime_seconds":1,"total_sources":0,"healthy_sources":0}';
-    }
-  }
-}
-CONF
-nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" -g 'daemon off;' &
-pids+=($!)
+      return 200 '{\"status\":\"healthy\",\"daemon_id\":\"data-000000000000\",\"uptime_seconds\":1,\"total_sources\":0,\"healthy_sources\":0}';
+    }"
 sleep 0.5
 
 read -r datad_rate datad_errors < <(wrk_rate -t2 -c"$connections" -d"$duration" "http://127.0.0.1:$datad_port/health")

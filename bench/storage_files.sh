@@ -22,27 +22,10 @@ stored="$work/storage/tenants/default/bench"
 # nginx workers must read the daemon's files and write their own: run them as
 # this user (honoured when started as root), and let others into the folder.
 chmod 755 "$work"
-cat >"$work/nginx/nginx.conf" <<CONF
-user $(id -un);
-worker_processes auto;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx/error.log;
-events { worker_connections 4096; }
-http {
-  access_log off;
-  keepalive_timeout 0;
-  sendfile on;
+start_nginx "$nginx_port" "  sendfile on;
   client_max_body_size 2m;
-  client_body_temp_path $work/nginx/body;
-  server {
-    listen 127.0.0.1:$nginx_port;
-    location /get/ { alias $stored/; default_type text/plain; }
-    location /put/ { alias $work/nginx/put/; dav_methods PUT; create_full_put_path on; }
-  }
-}
-CONF
-nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" -g 'daemon off;' &
-pids+=($!)
+  client_body_temp_path $work/nginx/body;" "    location /get/ { alias $stored/; default_type text/plain; }
+    location /put/ { alias $work/nginx/put/; dav_methods PUT; create_full_put_path on; }"
 
 # request_lua <method> <path prefix>: cycles over the files; PUTs carry 1 MiB
 # of text (16384 lines of 64 bytes).

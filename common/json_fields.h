@@ -13,4 +13,12 @@ void readField(const nlohmann::json& object, const char* key, T& field) {
     if (it != object.end()) field = it->template get<T>();
 }
 
+// Each record's toJson(), in order, as one JSON array.
+template <typename Records>
+nlohmann::json toJsonArray(const Records& records) {
+    nlohmann::json array = nlohmann::json::array();
+    for (const auto& record : records) array.push_back(record.toJson());
+    return array;
+}
+
 }  // namespace vostra

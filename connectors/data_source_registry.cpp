@@ -18,25 +18,28 @@ constexpr vostra::Log kLog("[DataDaemon] ");
 constexpr int kTestTimeoutMs = 5000;
 constexpr int kCatalogTimeoutMs = 30000;
 
-}  // namespace
-
-QueryRequest QueryRequest::fromJson(const nlohmann::json& json) {
-    QueryRequest r;
+// The keys a query and a statement share.
+template <typename Request>
+Request readStatement(const nlohmann::json& json) {
+    Request r;
     readField(json, "source_id", r.source_id);
     readField(json, "sql", r.sql);
     readField(json, "params", r.params);
     readField(json, "timeout_ms", r.timeout_ms);
+    return r;
+}
+
+}  // namespace
+
+QueryRequest QueryRequest::fromJson(const nlohmann::json& json) {
+    auto r = readStatement<QueryRequest>(json);
     readField(json, "max_rows", r.max_rows);
     readField(json, "include_metadata", r.include_metadata);
     return r;
 }
 
 ExecuteRequest ExecuteRequest::fromJson(const nlohmann::json& json) {
-    ExecuteRequest r;
-    readField(json, "source_id", r.source_id);
-    readField(json, "sql", r.sql);
-    readField(json, "params", r.params);
-    readField(json, "timeout_ms", r.timeout_ms);
+    auto r = readStatement<ExecuteRequest>(json);
     readField(json, "auto_commit", r.auto_commit);
     return r;
 }

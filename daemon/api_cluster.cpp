@@ -5,6 +5,7 @@
 
 #include "cluster/cluster_discovery.h"
 #include "cluster/controller_client.h"
+#include "common/json_fields.h"
 #include "common/log.h"
 #include "connectors/data_source_registry.h"
 #include "daemon/command_line.h"
@@ -52,8 +53,6 @@ nlohmann::json DataDaemon::registrationBody() const {
 nlohmann::json DataDaemon::heartbeatBody() const {
     const StorageService::Figures storage =
         storage_.with([](StorageService& s) { return s.figures(); }, StorageService::Figures{});
-    nlohmann::json sources = nlohmann::json::array();
-    for (const auto& status : registry_->listDataSources()) sources.push_back(status.toJson());
     const RegistryCounters& counters = registry_->counters();
 
     return {
@@ -62,7 +61,7 @@ nlohmann::json DataDaemon::heartbeatBody() const {
         {"hostname", hostname_},
         {"status", running_.load() ? "online" : "offline"},
         {"version", kProgramVersion},
-        {"sources", std::move(sources)},
+        {"sources", toJsonArray(registry_->listDataSources())},
         {"total_queries", counters.queries.load()},
         {"total_errors", counters.errors.load()},
         {"capabilities", capabilities()},

@@ -2,6 +2,7 @@
 // any method.
 #include <nlohmann/json.hpp>
 
+#include "common/json_fields.h"
 #include "connectors/data_connector_factory.h"
 #include "connectors/data_source_registry.h"
 #include "daemon/data_daemon.h"
@@ -37,14 +38,12 @@ nlohmann::json DataDaemon::getInfo() const {
 
 nlohmann::json DataDaemon::getMetrics() const {
     const RegistryCounters& counters = registry_->counters();
-    nlohmann::json sources = nlohmann::json::array();
-    for (const auto& status : registry_->listDataSources()) sources.push_back(status.toJson());
     return {
         {"daemon_id", daemon_id_},
         {"total_queries", counters.queries.load()},
         {"total_executes", counters.executes.load()},
         {"total_errors", counters.errors.load()},
-        {"sources", std::move(sources)},
+        {"sources", toJsonArray(registry_->listDataSources())},
     };
 }
 

@@ -3,6 +3,7 @@
 // to statuses; the rules live in DataSourceRegistry.
 #include <nlohmann/json.hpp>
 
+#include "common/json_fields.h"
 #include "connectors/agent_storage.h"
 #include "connectors/data_source_registry.h"
 #include "daemon/data_daemon.h"
@@ -20,9 +21,7 @@ void sendResult(int fd, const QueryResult& result) {
 }
 
 void listSources(DataSourceRegistry& registry, const HttpRequest& request, const RouteParams&) {
-    nlohmann::json all = nlohmann::json::array();
-    for (const auto& status : registry.listDataSources()) all.push_back(status.toJson());
-    sendJson(request.fd, 200, all);
+    sendJson(request.fd, 200, toJsonArray(registry.listDataSources()));
 }
 
 void addSource(DataSourceRegistry& registry, const HttpRequest& request, const RouteParams&) {

@@ -28,9 +28,7 @@ struct DeleteOptions {
 };
 
 void listTenants(StorageService& storage, const HttpRequest& request, const RouteParams&) {
-    nlohmann::json all = nlohmann::json::array();
-    for (const TenantConfig& tenant : storage.listTenants()) all.push_back(tenant.toJson());
-    sendJson(request.fd, 200, all);
+    sendJson(request.fd, 200, toJsonArray(storage.listTenants()));
 }
 
 void createTenant(StorageService& storage, const HttpRequest& request, const RouteParams&) {

@@ -35,11 +35,15 @@ constexpr int32_t kDefaultTextSearchLimit = 10;
 // Searches fail with 500 unless the request itself was at fault.
 constexpr KindStatus kSearchStatuses[] = {{ErrorKind::Invalid, 400}};
 
-// True when `key` is present; otherwise answers 400 "Missing '<key>' field".
-bool require(const HttpRequest& request, const json& body, const char* key) {
-    if (body.contains(key)) return true;
-    sendError(request.fd, 400, std::string("Missing '") + key + "' field");
-    return false;
+// The body as a JSON object holding `key`; otherwise answers 400 (for a
+// missing key "Missing '<key>' field") and yields nothing.
+std::optional<json> readBodyWith(const HttpRequest& request, const char* key) {
+    std::optional<json> body = readJsonObject(request);
+    if (body && !body->contains(key)) {
+        sendError(request.fd, 400, std::string("Missing '") + key + "' field");
+        return std::nullopt;
+    }
+    return body;
 }
 
 template <typename T>
@@ -80,9 +84,7 @@ void getMetrics(VectorStorageService& service, const HttpRequest& request, const
 void listNamespaces(VectorStorageService& service, const HttpRequest& request,
                     const RouteParams& params) {
     const std::string tenant = namespacesTenant(params);
-    json list = json::array();
-    for (const VectorNamespace& record : service.listNamespaces(tenant))
-        list.push_back(record.toJson());
+    const json list = toJsonArray(service.listNamespaces(tenant));
     sendJson(request.fd, 200, {{"tenant_id", tenant}, {"namespaces", list}, {"count", list.size()}});
 }
 
@@ -101,8 +103,8 @@ void createNamespaceIn(VectorStorageService& service, const HttpRequest& request
 // The namespace id comes from the body.
 void createNamespace(VectorStorageService& service, const HttpRequest& request,
                      const RouteParams& params) {
-    const auto body = readJsonObject(request);
-    if (!body || !require(request, *body, "namespace_id")) return;
+    const auto body = readBodyWith(request, "namespace_id");
+    if (!body) return;
     createNamespaceIn(service, request, namespacesTenant(params),
                       field(*body, "namespace_id", std::string()), *body);
 }
@@ -166,11 +168,10 @@ void deleteDocument(VectorStorageService& service, const HttpRequest& request,
 
 void deleteDocuments(VectorStorageService& service, const HttpRequest& request,
                      const RouteParams& params) {
-    const auto body = readJsonObject(request);
-    if (!body || !require(request, *body, "ids")) return;
-    sendDeleted(request.fd,
-                service.deleteDocuments(param(params, "tenant"), param(params, "namespace"),
-                                        field(*body, "ids", std::vector<std::string>())));
+    if (const auto body = readBodyWith(request, "ids"))
+        sendDeleted(request.fd,
+                    service.deleteDocuments(param(params, "tenant"), param(params, "namespace"),
+                                            field(*body, "ids", std::vector<std::string>())));
 }
 
 void listSources(VectorStorageService& service, const HttpRequest& request,
@@ -184,11 +185,10 @@ void listSources(VectorStorageService& service, const HttpRequest& request,
 
 void deleteSource(VectorStorageService& service, const HttpRequest& request,
                   const RouteParams& params) {
-    const auto body = readJsonObject(request);
-    if (!body || !require(request, *body, "source")) return;
-    sendDeleted(request.fd,
-                service.deleteBySource(param(params, "tenant"), param(params, "namespace"),
-                                       field(*body, "source", std::string())));
+    if (const auto body = readBodyWith(request, "source"))
+        sendDeleted(request.fd,
+                    service.deleteBySource(param(params, "tenant"), param(params, "namespace"),
+                                           field(*body, "source", std::string())));
 }
 
 void sendSearch(int fd, const VectorSearchResponse& response) {
@@ -250,8 +250,8 @@ void embed(VectorStorageService& service, const HttpRequest& request, const Rout
 }
 
 void ingest(VectorStorageService& service, const HttpRequest& request, const RouteParams&) {
-    const auto parsed = readJsonObject(request);
-    if (!parsed || !require(request, *parsed, "source")) return;
+    const auto parsed = readBodyWith(request, "source");
+    if (!parsed) return;
     const json& body = *parsed;
     const VectorAddResponse result =
         service.addText(tenantFrom(body), field(body, "namespace_id", std::string("default")),

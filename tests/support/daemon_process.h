@@ -14,6 +14,8 @@ namespace vostra::test {
 
 // A loopback port that was free a moment ago.
 int freePort();
+// A socket bound to a free loopback port (not yet listening); sets `port`.
+int bindLoopback(int& port);
 
 // A new empty directory under $TMPDIR (or /tmp); removed by removeTree.
 std::string makeTempDir(const std::string& tag = "vostra");

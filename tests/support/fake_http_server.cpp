@@ -16,16 +16,7 @@
 namespace vostra::test {
 
 FakeHttpServer::FakeHttpServer() : handler_([](const RecordedRequest&) { return FakeResponse{}; }) {
-    listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    int one = 1;
-    setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listen_fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    listen_fd_ = bindLoopback(port_);
     listen(listen_fd_, 64);
     acceptor_ = std::thread(&FakeHttpServer::acceptLoop, this);
 }
