@@ -4,6 +4,7 @@
 // statuses; every rule (access, quota, path safety) lives in StorageService
 // and its backends.
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "common/log.h"
 #include "daemon/data_daemon.h"
@@ -34,51 +35,67 @@ void sendResult(int fd, const StorageResult& result, int success_status, int fai
     sendJson(fd, status, result.toJson());
 }
 
+// What the storage rows are handed: the service, and the place for a file
+// to stream once its lock is released, so that a slow reader never holds
+// up stop().
+struct StorageCall {
+    StorageService& storage;
+    std::optional<OpenedFile> download;
+    std::string content_type;
+};
+
 // A path that names a file is read; an empty one, or one ending in "/",
 // lists a folder.
-void getFile(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
+void getFile(StorageCall& call, const HttpRequest& request, const RouteParams& params) {
     const std::string tenant = params.get("tenant");
     const std::string path = params.get("path");
     if (path.empty() || path.ends_with('/')) {
         StorageListRequest list;
         list.tenant_id = tenant;
         list.path = path;
-        sendResult(request.fd, storage.list(list), 200, 404);
+        sendResult(request.fd, call.storage.list(list), 200, 404);
         return;
     }
     StorageReadRequest read;
     read.tenant_id = tenant;
     read.path = path;
     read.include_metadata = true;
-    const StorageResult result = storage.read(read);
+    OpenedFile file;
+    const StorageResult result = call.storage.openFile(read, file);
     if (!result.success) {
         sendError(request.fd, failureStatus(result, 404), result.error);
         return;
     }
     // The stored type is sent even when empty; only a result without an
     // entry falls back to raw bytes.
-    sendResponse(request.fd, 200, result.data,
-                 result.entry ? result.entry->content_type : kRawContentType);
+    std::string content_type = result.entry ? result.entry->content_type : kRawContentType;
+    if (file.fd() < 0) {
+        sendResponse(request.fd, 200, result.data, content_type);
+        return;
+    }
+    call.download = std::move(file);
+    call.content_type = std::move(content_type);
 }
 
-void putFile(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
+void putFile(StorageCall& call, const HttpRequest& request, const RouteParams& params) {
     StorageWriteRequest write;
     write.tenant_id = params.get("tenant");
     write.path = params.get("path");
-    if (std::string problem = write.readBody(request.body); !problem.empty()) {
+    // The body moves on: a large upload is held once, not once per layer.
+    if (std::string problem = write.readBody(std::move(request.body)); !problem.empty()) {
         sendResult(request.fd, StorageResult::failure(ErrorKind::Invalid, std::move(problem)), 201,
                    400);
         return;
     }
-    sendResult(request.fd, storage.write(write), 201, 400);
+    sendResult(request.fd, call.storage.write(write), 201, 400);
 }
 
-void deleteFile(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
-    sendResult(request.fd, storage.remove(params.get("tenant"), params.get("path"), true), 200,
-               404);
+void deleteFile(StorageCall& call, const HttpRequest& request, const RouteParams& params) {
+    sendResult(request.fd, call.storage.remove(params.get("tenant"), params.get("path"), true),
+               200, 404);
 }
 
-constexpr ServiceRoute<StorageService> kStorageRoutes[] = {
+constexpr ServiceRoute<StorageCall> kStorageRoutes[] = {
     {"GET", "/api/v1/storage/{tenant}/{path*}", getFile},
     {"PUT", "/api/v1/storage/{tenant}/{path*}", putFile},
     {"POST", "/api/v1/storage/{tenant}/{path*}", putFile},
@@ -105,7 +122,17 @@ void DataDaemon::startStorage() {
 }
 
 void DataDaemon::handleStorage(const HttpRequest& request) {
-    serveRoutesIn(storage_, kStorageRoutes, request, "Not found", StorageService::kNotAvailable);
+    std::optional<OpenedFile> download;
+    std::string content_type;
+    storage_.with(
+        [&](StorageService& storage) {
+            StorageCall call{storage, std::nullopt, {}};
+            serveRoutes(call, kStorageRoutes, request, "Not found");
+            download = std::move(call.download);
+            content_type = std::move(call.content_type);
+        },
+        [&] { sendError(request.fd, 503, StorageService::kNotAvailable); });
+    if (download) sendFileResponse(request.fd, content_type, download->fd(), download->size());
 }
 
 StorageResult DataDaemon::storageRead(const StorageReadRequest& request) {

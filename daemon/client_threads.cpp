@@ -12,7 +12,6 @@ namespace {
 // Long enough to carry a steady stream of connections, short enough that a
 // burst's threads are gone soon after it.
 constexpr auto kIdleWait = std::chrono::seconds(2);
-constexpr int kNoConnection = -1;
 
 }  // namespace
 
@@ -24,13 +23,13 @@ struct ClientThreads::Worker {
     std::mutex mutex;
     std::condition_variable ready;
     bool handed = false;
-    int fd = kNoConnection;
+    Job job;  // empty: end the thread
 
-    void hand(int connection) {
+    void hand(Job next) {
         // Notified under the lock: once `handed` is seen, the worker may end
         // and destroy this object, so nothing may touch it after unlocking.
         std::lock_guard lock(mutex);
-        fd = connection;
+        job = std::move(next);
         handed = true;
         ready.notify_one();
     }
@@ -42,7 +41,7 @@ struct ClientThreads::Worker {
     }
 };
 
-bool ClientThreads::dispatch(int fd) {
+bool ClientThreads::dispatch(Job job) {
     Worker* worker = nullptr;
     {
         std::lock_guard lock(mutex_);
@@ -52,11 +51,11 @@ bool ClientThreads::dispatch(int fd) {
         }
     }
     if (worker) {
-        worker->hand(fd);
+        worker->hand(std::move(job));
         return true;
     }
     try {
-        std::thread(&ClientThreads::run, this, fd).detach();
+        std::thread(&ClientThreads::run, this, std::move(job)).detach();
         return true;
     } catch (const std::system_error&) {
         return false;
@@ -65,14 +64,15 @@ bool ClientThreads::dispatch(int fd) {
 
 void ClientThreads::releaseIdle() {
     std::lock_guard lock(mutex_);
-    for (Worker* worker : idle_) worker->hand(kNoConnection);
+    for (Worker* worker : idle_) worker->hand(nullptr);
     idle_.clear();
 }
 
-void ClientThreads::run(int fd) {
+void ClientThreads::run(Job job) {
     Worker self;
-    while (fd != kNoConnection) {
-        serve_(fd);
+    while (job) {
+        job();
+        job = nullptr;
         {
             std::lock_guard lock(mutex_);
             idle_.push_back(&self);
@@ -88,7 +88,7 @@ void ClientThreads::run(int fd) {
             lock.unlock();
             self.await(std::chrono::hours(24 * 365));
         }
-        fd = self.fd;
+        job = std::move(self.job);
     }
 }
 

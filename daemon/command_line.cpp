@@ -26,6 +26,7 @@ enum LongOnly {
     kNfsPort,
     kAgentStorage,
     kMaxConnections,
+    kMaxWaitingConnections,
 };
 
 const option kLongOptions[] = {
@@ -50,6 +51,7 @@ const option kLongOptions[] = {
     {"version", no_argument, nullptr, 'V'},
     {"help", no_argument, nullptr, 'h'},
     {"max-connections", required_argument, nullptr, kMaxConnections},
+    {"max-waiting-connections", required_argument, nullptr, kMaxWaitingConnections},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -107,6 +109,9 @@ CommandLine parseCommandLine(int argc, char* argv[]) {
             case kNfsPort: config.nfs_port = std::stoi(optarg); break;
             case kAgentStorage: config.agent_storage_enabled = true; break;
             case kMaxConnections: config.max_connections = std::stoi(optarg); break;
+            case kMaxWaitingConnections:
+                config.max_waiting_connections = std::stoi(optarg);
+                break;
             case 'V':
                 printVersion();
                 line.exit_status = 0;
@@ -134,6 +139,7 @@ std::string configurationProblem(const DataDaemonConfig& config) {
     if (config.nfs_port < 1 || config.nfs_port > 65535)
         return "nfs_port must be between 1 and 65535";
     if (config.max_connections < 1) return "max_connections must be at least 1";
+    if (config.max_waiting_connections < 1) return "max_waiting_connections must be at least 1";
     return {};
 }
 
@@ -164,6 +170,8 @@ void printUsage(const char* argv0) {
                  "  --heartbeat MS          Heartbeat interval in milliseconds\n"
                  "  --list-connectors       List available database connectors\n"
                  "  --max-connections N     Simultaneous client connections (default: 512)\n"
+                 "  --max-waiting-connections N\n"
+                 "                          Connections still sending their request (default: 10000)\n"
                  "\n"
                  "Storage Options:\n"
                  "  --storage-path PATH     Storage base path (default: /var/lib/vostra/storage)\n"

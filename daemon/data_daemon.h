@@ -150,8 +150,8 @@ private:
     // true while the daemon is still running.
     bool sleepWhileRunning(int64_t ms);
 
-    // Serves one accepted connection on a client thread and closes it.
-    void serveConnection(int fd);
+    // Answers one complete request on the calling thread; never throws.
+    void serveRequest(HttpRequest& request);
     // Hands the request to its area by the ordered prefix table (router.cpp).
     void dispatch(const HttpRequest& request);
 
@@ -199,7 +199,7 @@ private:
     std::atomic<bool> http_running_{false};
     std::atomic<int> listen_fd_{-1};
     std::atomic<int> active_clients_{0};  // connections being served
-    ClientThreads client_threads_{[this](int fd) { serveConnection(fd); }};
+    ClientThreads client_threads_;
     std::chrono::steady_clock::time_point start_time_;
 
     std::mutex wake_mutex_;

@@ -37,6 +37,7 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "config_id", c.config_id);
     readField(json, "config_timestamp", c.config_timestamp);
     readField(json, "max_connections", c.max_connections);
+    readField(json, "max_waiting_connections", c.max_waiting_connections);
     return c;
 }
 

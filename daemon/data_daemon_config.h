@@ -42,6 +42,9 @@ struct DataDaemonConfig {
     // Simultaneous client connections; one more is answered 503 at once so a
     // flood cannot exhaust threads or memory.
     int32_t max_connections = 512;
+    // Connections still sending their request, held by the event-driven
+    // reader at a few hundred bytes each; one more is answered 503.
+    int32_t max_waiting_connections = 10000;
 
     // Starts from the defaults and assigns only the keys present in `json`.
     // A present key of the wrong JSON type throws nlohmann::json::type_error.

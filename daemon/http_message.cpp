@@ -1,23 +1,39 @@
 #include "daemon/http_message.h"
 
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <nlohmann/json.hpp>
+
+#include "daemon/request_assembler.h"
 
 namespace vostra::data {
 namespace {
 
 constexpr std::size_t kRecvChunk = 8191;
-// Requests larger than this stop being read; what has arrived is dispatched.
-constexpr std::size_t kMaxRequestBytes = 0x80000000;
-// A header block is a few hundred bytes. One that has not ended by this size
-// is treated like a request that stopped arriving, so a flood of endless
-// headers cannot hold gigabytes per connection.
-constexpr std::size_t kMaxHeaderBytes = 1 << 20;
 constexpr std::string_view kHeaderEnd = "\r\n\r\n";
+constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+// Large enough that the kernel, not this loop, sets the pace of a download.
+constexpr std::size_t kFileChunk = 1 << 20;
+
+thread_local bool t_head_only = false;
+
+// Sends until done; a send that makes no progress within the socket's send
+// time-out, or fails, ends it.
+bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(sent));
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -39,38 +55,33 @@ std::optional<std::size_t> parseContentLength(std::string_view header_block) {
     return length;
 }
 
-std::string readRequest(int fd) {
+std::optional<HttpRequest> readRequest(int fd) {
     timeval timeout{5, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
 
-    std::string raw;
+    RequestAssembler assembler;
     char buffer[kRecvChunk + 1];
-    std::size_t header_end = std::string::npos;
-    std::size_t scanned = 0;  // where the next search for the header end may start
-    std::size_t declared = 0;
-
     for (;;) {
-        ssize_t received = recv(fd, buffer, kRecvChunk, 0);
+        const ssize_t received = recv(fd, buffer, kRecvChunk, 0);
+        if (received < 0 && errno == EINTR) continue;
         if (received <= 0) break;
         buffer[received] = '\0';
         // The server carries textual bodies; a chunk ends at its first NUL on purpose.
-        raw.append(buffer, std::strlen(buffer));
-
-        if (header_end == std::string::npos) {
-            header_end = raw.find(kHeaderEnd, scanned);
-            if (header_end == std::string::npos) {
-                if (raw.size() > kMaxHeaderBytes) break;
-                scanned = raw.size() >= 3 ? raw.size() - 3 : 0;
-                continue;
-            }
-            auto length = parseContentLength(std::string_view(raw).substr(0, header_end + 2));
-            if (!length) break;
-            declared = *length;
+        const auto progress = assembler.feed(std::string_view(buffer, std::strlen(buffer)));
+        if (assembler.takeContinue()) writeAll(fd, kContinue);
+        if (progress == RequestAssembler::Progress::NeedMore) continue;
+        if (progress == RequestAssembler::Progress::HeadTooLarge) {
+            sendError(fd, 431, "Request header fields too large");
+            return std::nullopt;
         }
-        if (raw.size() - header_end - kHeaderEnd.size() >= declared) break;
-        if (raw.size() > kMaxRequestBytes) break;
+        if (progress == RequestAssembler::Progress::BadChunking) {
+            sendError(fd, 400, "Malformed chunked body");
+            return std::nullopt;
+        }
+        break;
     }
-    return raw;
+    if (assembler.empty()) return std::nullopt;
+    return assembler.finish(fd);
 }
 
 void parseRequest(const std::string& raw, std::string& method, std::string& path,
@@ -108,9 +119,9 @@ const char* reasonPhrase(int status) {
     }
 }
 
-std::string formatResponse(int status, std::string_view body, std::string_view content_type) {
+std::string formatHead(int status, std::string_view content_type, uint64_t length) {
     std::string out;
-    out.reserve(128 + body.size());
+    out.reserve(128);
     out += "HTTP/1.1 ";
     out += std::to_string(status);
     out += ' ';
@@ -118,15 +129,41 @@ std::string formatResponse(int status, std::string_view body, std::string_view c
     out += "\r\nContent-Type: ";
     out += content_type;
     out += "\r\nContent-Length: ";
-    out += std::to_string(body.size());
+    out += std::to_string(length);
     out += "\r\nConnection: close\r\n\r\n";
+    return out;
+}
+
+std::string formatResponse(int status, std::string_view body, std::string_view content_type) {
+    std::string out = formatHead(status, content_type, body.size());
     out += body;
     return out;
 }
 
+HeadOnlyAnswers::HeadOnlyAnswers() { t_head_only = true; }
+HeadOnlyAnswers::~HeadOnlyAnswers() { t_head_only = false; }
+
 void sendResponse(int fd, int status, const std::string& body, const std::string& content_type) {
-    std::string wire = formatResponse(status, body, content_type);
-    (void)send(fd, wire.data(), wire.size(), MSG_NOSIGNAL);
+    if (t_head_only || body.size() > kFileChunk) {
+        // Head and body apart: a large body is not copied a second time.
+        if (writeAll(fd, formatHead(status, content_type, body.size())) && !t_head_only)
+            writeAll(fd, body);
+        return;
+    }
+    writeAll(fd, formatResponse(status, body, content_type));
+}
+
+void sendFileResponse(int fd, const std::string& content_type, int file, uint64_t size) {
+    if (!writeAll(fd, formatHead(200, content_type, size)) || t_head_only) return;
+    off_t offset = 0;
+    while (static_cast<uint64_t>(offset) < size) {
+        const std::size_t want =
+            static_cast<std::size_t>(std::min<uint64_t>(size - static_cast<uint64_t>(offset), kFileChunk));
+        const ssize_t sent = sendfile(fd, file, &offset, want);
+        if (sent < 0 && errno == EINTR) continue;
+        // A file that shrank under us ends early; the client sees it short.
+        if (sent <= 0) return;
+    }
 }
 
 void sendJson(int fd, int status, const nlohmann::json& body) {
@@ -140,7 +177,7 @@ void sendError(int fd, int status, const std::string& message) {
 void sendDashboardRedirect(int fd) {
     static constexpr std::string_view kRedirect =
         "HTTP/1.1 302 Found\r\nLocation: /dashboard\r\nContent-Length: 0\r\n\r\n";
-    (void)send(fd, kRedirect.data(), kRedirect.size(), MSG_NOSIGNAL);
+    writeAll(fd, kRedirect);
 }
 
 }  // namespace vostra::data

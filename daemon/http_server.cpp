@@ -1,4 +1,6 @@
-// The accept thread and the per-connection threads of the HTTP server.
+// The accept thread (listening socket and the event-driven reader of request
+// heads and bodies) and the serving of one complete request on a client
+// thread.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -6,9 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <exception>
 
 #include "common/log.h"
+#include "daemon/connection_reader.h"
 #include "daemon/data_daemon.h"
 #include "daemon/http_message.h"
 #include "daemon/request_context.h"
@@ -18,95 +22,129 @@ namespace {
 
 constexpr vostra::Log kLog("[DataDaemon] ");
 constexpr int kListenBacklog = 10;
-// A client that stops reading must not pin its thread for ever.
+// A client that stops reading must not pin its thread for ever: a send
+// without progress for this long fails.
 constexpr timeval kSendTimeout{30, 0};
 
-}  // namespace
-
-void DataDaemon::httpServerLoop() {
+// The listening socket for `bind_address`: IPv6 when the text holds a ":",
+// else IPv4, "any" when empty, "0.0.0.0" or not an address. -1 after
+// printing why.
+int openListener(const std::string& bind_address, int port) {
+    const bool ipv6 = bind_address.find(':') != std::string::npos;
     // Close-on-exec throughout: host tools run through the shell must not
     // inherit the server's sockets.
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         kLog.error("Failed to create socket");
-        return;
+        return -1;
     }
     int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    // Wake the accept thread only once a request's first bytes are there, so
-    // the client thread finds data at its first recv instead of sleeping on it.
-    // A silent connection is still accepted after about a second.
-    int defer = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &defer, sizeof defer);
+    // Report a connection only once a request's first bytes are there; a
+    // silent connection is still accepted after about a second.
+    setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &one, sizeof one);
 
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(config_.port));
-    address.sin_addr.s_addr = INADDR_ANY;
-    if (!config_.bind_address.empty() && config_.bind_address != "0.0.0.0") {
-        // A text that does not convert leaves the address at "any".
-        in_addr parsed{};
-        if (inet_pton(AF_INET, config_.bind_address.c_str(), &parsed) == 1) address.sin_addr = parsed;
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+    if (ipv6) {
+        auto& address = reinterpret_cast<sockaddr_in6&>(storage);
+        address.sin6_family = AF_INET6;
+        address.sin6_port = htons(static_cast<uint16_t>(port));
+        address.sin6_addr = in6addr_any;
+        in6_addr parsed{};
+        if (inet_pton(AF_INET6, bind_address.c_str(), &parsed) == 1) address.sin6_addr = parsed;
+        length = sizeof address;
+    } else {
+        auto& address = reinterpret_cast<sockaddr_in&>(storage);
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = INADDR_ANY;
+        if (!bind_address.empty() && bind_address != "0.0.0.0") {
+            // A text that does not convert leaves the address at "any".
+            in_addr parsed{};
+            if (inet_pton(AF_INET, bind_address.c_str(), &parsed) == 1) address.sin_addr = parsed;
+        }
+        length = sizeof address;
     }
 
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
-        kLog.error("Failed to bind to port ", config_.port);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&storage), length) < 0) {
+        kLog.error("Failed to bind to port ", port);
         close(fd);
-        return;
+        return -1;
     }
     if (listen(fd, kListenBacklog) < 0) {
         kLog.error("Failed to listen");
         close(fd);
-        return;
+        return -1;
     }
+    return fd;
+}
+
+}  // namespace
+
+void DataDaemon::httpServerLoop() {
+    const int fd = openListener(config_.bind_address, config_.port);
+    if (fd < 0) return;
     // Publish the socket before looking at the flags again: stop() clears the
     // flags before it reads listen_fd_, so one of us always sees the other.
     listen_fd_.store(fd);
 
-    while (running_.load() && http_running_.load()) {
-        int client = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (client < 0) {
-            if (!running_.load() || !http_running_.load()) break;
-            kLog.error("Accept failed");
-            // Out of descriptors: give clients a moment to finish instead of spinning.
-            if (errno == EMFILE || errno == ENFILE) usleep(10 * 1000);
-            continue;
-        }
+    ConnectionReader::Limits limits;
+    limits.max_waiting = static_cast<std::size_t>(config_.max_waiting_connections);
+    ConnectionReader reader(fd, limits, [this](HttpRequest&& request) {
+        const int client = request.fd;
         if (active_clients_.fetch_add(1) >= config_.max_connections ||
-            !client_threads_.dispatch(client)) {
+            !client_threads_.dispatch([this, request = std::move(request)]() mutable {
+                serveRequest(request);
+                close(request.fd);
+                active_clients_.fetch_sub(1);
+            })) {
             active_clients_.fetch_sub(1);
             sendError(client, 503, "Server busy");
             close(client);
         }
+    });
+    if (!reader.ready()) {
+        kLog.error("Failed to listen");
+    } else {
+        // stop() clears this flag (after running_), which ends the loop.
+        reader.run(http_running_);
     }
 
     const int still_open = listen_fd_.exchange(-1);
     if (still_open >= 0) close(still_open);
 }
 
-void DataDaemon::serveConnection(int fd) {
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
-    handleClient(fd);
-    close(fd);
-    active_clients_.fetch_sub(1);
-}
-
 void DataDaemon::handleClient(int fd) {
-    HttpRequest request;
-    request.fd = fd;
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
     // No exception may end a client thread, and through it the process: not
     // even running out of memory while reading a huge request.
     try {
-        request.raw = readRequest(fd);
-        if (request.raw.empty()) return;
-        parseRequest(request.raw, request.method, request.path, request.body);
-        currentTenant() = extractTenantFromRequest(request.raw);
-        dispatch(request);
+        if (std::optional<HttpRequest> request = readRequest(fd)) serveRequest(*request);
     } catch (const std::exception& error) {
-        kLog.error("Request ", request.method, " ", request.path, " failed: ", error.what());
+        kLog.error("Request failed: ", error.what());
         sendError(fd, 500, error.what());
     } catch (...) {
         sendError(fd, 500, "Internal error");
+    }
+}
+
+void DataDaemon::serveRequest(HttpRequest& request) {
+    try {
+        currentTenant() = extractTenantFromRequest(request.raw);
+        // HEAD is GET without the body: same route, same status, same length.
+        if (request.method == "HEAD") {
+            request.method = "GET";
+            const HeadOnlyAnswers head_only;
+            dispatch(request);
+        } else {
+            dispatch(request);
+        }
+    } catch (const std::exception& error) {
+        kLog.error("Request ", request.method, " ", request.path, " failed: ", error.what());
+        sendError(request.fd, 500, error.what());
+    } catch (...) {
+        sendError(request.fd, 500, "Internal error");
     }
 }
 

@@ -1,6 +1,7 @@
 // Entry point of vostra-datad: configuration, optional detaching, the daemon's
 // life cycle and the signal-driven shutdown.
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -56,6 +57,16 @@ void detach() {
     }
 }
 
+// Connections waiting in the reader cost a descriptor each; the usual soft
+// limit of 1024 would refuse clients long before the configured cap.
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 void idleUntilSignalled() {
     while (g_running) {
         timespec wait{0, 100 * 1000 * 1000};
@@ -99,6 +110,7 @@ int main(int argc, char* argv[]) {
     std::signal(SIGINT, signalHandler);
     std::signal(SIGTERM, signalHandler);
     std::signal(SIGPIPE, SIG_IGN);
+    raiseDescriptorLimit();
 
     vostra::data::printConfiguration(line.config);
 

@@ -8,10 +8,35 @@ std::string_view RouteParams::operator[](std::string_view name) const {
     return {};
 }
 
-bool RouteParams::add(std::string_view name, std::string_view value) {
+bool RouteParams::add(std::string_view name, std::string_view raw, bool whole_segment) {
     if (count_ == kMaxParams) return false;
-    items_[count_++] = {name, value};
+    std::string value = percentDecode(raw);
+    if (value.find('\0') != std::string::npos ||
+        (whole_segment && value.find('/') != std::string::npos))
+        unusable_ = true;
+    items_[count_++] = {name, std::move(value)};
     return true;
+}
+
+std::string percentDecode(std::string_view text) {
+    const auto hex = [](char c) -> int {
+        if (c >= '0' && c <= '9') return c - '0';
+        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+        return -1;
+    };
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size() && hex(text[i + 1]) >= 0 &&
+            hex(text[i + 2]) >= 0) {
+            out += static_cast<char>(hex(text[i + 1]) * 16 + hex(text[i + 2]));
+            i += 2;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
 }
 
 bool matchRoute(std::string_view pattern, std::string_view path, RouteParams& params) {
@@ -30,13 +55,13 @@ bool matchRoute(std::string_view pattern, std::string_view path, RouteParams& pa
             // The rest; the pattern must end here.
             const std::string_view rest = path_done ? std::string_view() : path;
             if (part.ends_with("+}") && rest.empty()) return false;
-            return last && params.add(part.substr(1, part.size() - 3), rest);
+            return last && params.add(part.substr(1, part.size() - 3), rest, false);
         }
         if (path_done) return false;
         const std::size_t slash = path.find('/');
         const std::string_view segment = path.substr(0, slash);
         if (part.size() > 2 && part.front() == '{' && part.back() == '}') {
-            if (!params.add(part.substr(1, part.size() - 2), segment)) return false;
+            if (!params.add(part.substr(1, part.size() - 2), segment, true)) return false;
         } else if (part != segment) {
             return false;
         }

@@ -6,7 +6,9 @@
 // never spell either. Stateless; thread-safe.
 //
 // Patterns are matched against the path as received (a query string stays
-// part of it), segment by segment:
+// part of it), segment by segment; what a name captures is then
+// percent-decoded. A decoded NUL, or a decoded "/" inside one segment, makes
+// the request a bad one (400) before any handler runs.
 //   literal     the same text ("sources"); an empty literal (a trailing "/")
 //               matches only an empty segment
 //   {name}      one segment, any text without "/" (possibly empty)
@@ -27,20 +29,28 @@
 
 namespace vostra::data {
 
-// The named parts of a matched path. Views into the request's path.
+// The named parts of a matched path, percent-decoded.
 class RouteParams {
 public:
-    // The text matched by {name}, {name*} or {name+}; empty when none.
+    // The decoded text matched by {name}, {name*} or {name+}; empty when none.
     std::string_view operator[](std::string_view name) const;
     std::string get(std::string_view name) const { return std::string((*this)[name]); }
+    // Decodes and keeps `raw`; a whole segment may not decode to a "/".
     // False when the pattern has more names than a route may have.
-    bool add(std::string_view name, std::string_view value);
+    bool add(std::string_view name, std::string_view raw, bool whole_segment);
+    // Some part decoded to a NUL, or a segment to a "/".
+    bool unusable() const { return unusable_; }
 
 private:
     static constexpr std::size_t kMaxParams = 4;
-    std::array<std::pair<std::string_view, std::string_view>, kMaxParams> items_{};
+    std::array<std::pair<std::string_view, std::string>, kMaxParams> items_{};
     std::size_t count_ = 0;
+    bool unusable_ = false;
 };
+
+// `text` with every "%XX" (two hex digits) replaced by its byte; anything
+// else, a lone "%" included, is kept as it stands.
+std::string percentDecode(std::string_view text);
 
 // Whether `path` fits `pattern`; fills `params` when it does.
 bool matchRoute(std::string_view pattern, std::string_view path, RouteParams& params);
@@ -59,6 +69,7 @@ template <typename Service>
 using ServiceRoute = Route<void (*)(Service&, const HttpRequest&, const RouteParams&)>;
 
 constexpr const char* kMethodNotAllowed = "Method not allowed";
+constexpr const char* kBadPathEncoding = "Invalid encoded character in path";
 
 // Serves `request` with the first row whose pattern and method fit, calling
 // handler(target, request, params) (a free function taking the area's
@@ -74,6 +85,10 @@ void serveRoutes(Target& target, const Route<Handler> (&routes)[N], const HttpRe
         path_fits = true;
         if (route.method != request.method) continue;
         if (!route.handler) break;
+        if (params.unusable()) {
+            sendError(request.fd, 400, kBadPathEncoding);
+            return;
+        }
         try {
             std::invoke(route.handler, target, request, params);
         } catch (const nlohmann::json::exception& error) {

@@ -291,6 +291,31 @@ StorageResult FilesystemBackend::write(const std::string& tenant, const std::str
     return result;
 }
 
+StorageResult FilesystemBackend::openFile(const std::string& tenant, const std::string& path,
+                                          OpenedFile& file) {
+    std::lock_guard lock(mutex_);
+    const std::string rel = sanitizePath(path);
+    if (auto refused = refuseLinks(tenant, rel, path)) return *refused;
+    const fs::path full = buildPath(tenant, rel);
+    std::error_code error;
+    const fs::file_status status = fs::symlink_status(full, error);
+    if (!fs::exists(status)) return StorageResult::failure(ErrorKind::NotFound, "File not found: " + path);
+    if (fs::is_directory(status)) return StorageResult::failure(ErrorKind::Conflict, "Path is a directory: " + path);
+
+    FileIo opened;
+    const int fd = openChecked(full, O_RDONLY, opened);
+    if (opened == FileIo::NotRegular) return refusal("Not a regular file: " + path);
+    if (fd < 0) return StorageResult::failure(ErrorKind::Internal, "Failed to open file: " + path);
+    struct stat info {};
+    fstat(fd, &info);
+    file = OpenedFile(fd, static_cast<uint64_t>(info.st_size));
+    StorageResult result;
+    result.success = true;
+    result.bytes_read = static_cast<int64_t>(info.st_size);
+    result.entry = describe(full, rel, true);
+    return result;
+}
+
 StorageResult FilesystemBackend::read(const std::string& tenant, const std::string& path,
                                       int64_t offset, int64_t length) {
     std::lock_guard lock(mutex_);

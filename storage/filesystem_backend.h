@@ -38,6 +38,8 @@ public:
 
     StorageResult write(const std::string& tenant, const std::string& path, const std::string& data,
                         const std::string& content_type, const Metadata& metadata) override;
+    StorageResult openFile(const std::string& tenant, const std::string& path,
+                           OpenedFile& file) override;
     StorageResult read(const std::string& tenant, const std::string& path, int64_t offset,
                        int64_t length) override;
     StorageResult remove(const std::string& tenant, const std::string& path,

@@ -12,12 +12,14 @@
 #include <map>
 #include <string>
 
+#include "storage/opened_file.h"
 #include "storage/storage_result.h"
 #include "storage/tenant_usage.h"
 
 namespace vostra::data {
 
 struct StorageServiceConfig;
+
 
 class StorageBackend {
 public:
@@ -38,6 +40,15 @@ public:
     // `data`, `bytes_read` and `entry`.
     virtual StorageResult read(const std::string& tenant, const std::string& path, int64_t offset,
                                int64_t length) = 0;
+    // The whole file for streaming: success carries `entry` and
+    // `bytes_read` (the size), and opens `file` where the backend keeps
+    // files on a local disk; elsewhere the bytes come in `data` as read()
+    // gives them.
+    virtual StorageResult openFile(const std::string& tenant, const std::string& path,
+                                   OpenedFile& file) {
+        (void)file;
+        return read(tenant, path, 0, -1);
+    }
     // A file, or a directory (with its contents only when `recursive`).
     virtual StorageResult remove(const std::string& tenant, const std::string& path,
                                  bool recursive) = 0;

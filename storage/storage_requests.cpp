@@ -6,14 +6,23 @@
 
 namespace vostra::data {
 
-std::string StorageWriteRequest::readBody(const std::string& body) {
+std::string StorageWriteRequest::readBody(std::string&& body) {
     // Parsing without exceptions: most bodies are plain file content, and a
     // failed parse is the normal case rather than an error.
-    const nlohmann::json parsed = nlohmann::json::parse(body, nullptr, false);
-    data = body;
-    if (!parsed.is_object()) return {};
+    nlohmann::json parsed = nlohmann::json::parse(body, nullptr, false);
+    if (!parsed.is_object()) {
+        data = std::move(body);
+        return {};
+    }
+    data = std::move(body);
     try {
-        readField(parsed, "data", data);
+        // The parsed copy of a large "data" is moved, not copied again.
+        if (auto it = parsed.find("data"); it != parsed.end() && it->is_string()) {
+            std::string().swap(data);
+            data = std::move(it->get_ref<std::string&>());
+        } else {
+            readField(parsed, "data", data);
+        }
         readField(parsed, "content_type", content_type);
         readField(parsed, "metadata", metadata);
     } catch (const nlohmann::json::exception& error) {

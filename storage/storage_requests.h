@@ -31,7 +31,8 @@ struct StorageWriteRequest {
     // not an object, not JSON) is stored as it stands. "content_type" and
     // "metadata" are taken from an object body when present. Returns an error
     // text when one of those members has the wrong type, else empty.
-    std::string readBody(const std::string& body);
+    // Takes the body: a raw body becomes `data` without a copy.
+    std::string readBody(std::string&& body);
 };
 
 struct StorageListRequest {

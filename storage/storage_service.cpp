@@ -158,6 +158,16 @@ StorageResult StorageService::read(const StorageReadRequest& request) {
     return result;
 }
 
+StorageResult StorageService::openFile(const StorageReadRequest& request, OpenedFile& file) {
+    if (auto refused = refuseAccess(request.tenant_id)) return *refused;
+    StorageResult result = backend_->openFile(request.tenant_id, request.path, file);
+    if (result.success) {
+        total_reads_.fetch_add(1);
+        bytes_read_.fetch_add(result.bytes_read);
+    }
+    return result;
+}
+
 StorageResult StorageService::write(const StorageWriteRequest& request) {
     if (auto refused = refuseAccess(request.tenant_id)) return *refused;
     if (!isValidContentType(request.content_type)) {

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "common/status.h"
+#include "storage/opened_file.h"
 #include "storage/storage_requests.h"
 #include "storage/storage_result.h"
 #include "storage/storage_service_config.h"
@@ -69,6 +70,10 @@ public:
     // A write whose content type holds control characters is refused: the
     // type is sent back as a response header when the file is read.
     StorageResult read(const StorageReadRequest& request);
+    // The whole file of `request` for streaming (see StorageBackend::openFile):
+    // `file` is opened when the backend keeps it on a local disk, else the
+    // result carries the bytes. Access rules and counters as read().
+    StorageResult openFile(const StorageReadRequest& request, OpenedFile& file);
     StorageResult write(const StorageWriteRequest& request);
     StorageResult list(const StorageListRequest& request);
     StorageResult stat(const std::string& tenant, const std::string& path);

@@ -63,7 +63,10 @@ TEST(ReadRequest, AssemblesPiecesAndCutsEachAtItsFirstNulByte) {
         }
         close(fds[1]);
     });
-    EXPECT_EQ(readRequest(fds[0]), "POST /x HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456");
+    const auto request = readRequest(fds[0]);
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->raw + request->body,
+              "POST /x HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456");
     writer.join();
     close(fds[0]);
 }

@@ -28,17 +28,6 @@ void makeDatabase(const std::string& path, int rows) {
     sqlite3_close(db);
 }
 
-// Open descriptors and threads of a process.
-std::pair<int, int> resourcesOf(pid_t pid) {
-    const std::string proc = "/proc/" + std::to_string(pid);
-    const auto fds = std::distance(std::filesystem::directory_iterator(proc + "/fd"), {});
-    std::ifstream status(proc + "/status");
-    std::string line;
-    while (std::getline(status, line) && line.rfind("Threads:", 0) != 0) {
-    }
-    return {static_cast<int>(fds), std::atoi(line.c_str() + 8)};
-}
-
 class DataApiTest : public ::testing::Test {
 protected:
     void SetUp() override {

@@ -198,19 +198,34 @@ TEST_F(DaemonLifecycleTest, InformationalOptionsAndBadInputSetTheExitStatus) {
     }
 }
 
-TEST_F(DaemonLifecycleTest, ConnectionsOverTheCapAreTurnedAwayWithServerBusy) {
+TEST_F(DaemonLifecycleTest, RequestsOverEitherCapAreTurnedAwayWithServerBusy) {
+    // Connections still sending their head are capped by the waiting limit.
+    {
+        DaemonProcess daemon({"--max-waiting-connections", "2"});
+        ASSERT_TRUE(daemon.ready()) << daemon.stderrText();
+        int held[2] = {connectTo(daemon.port()), connectTo(daemon.port())};
+        for (int fd : held) sendAll(fd, "GET /health HTTP/1.1\r\nX-Slow: ");
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_EQ(request(daemon.port(), "GET", "/health").outcome(), "503 Server busy");
+        for (int fd : held) close(fd);
+        EXPECT_TRUE(
+            eventually([&] { return request(daemon.port(), "GET", "/health").status == 200; }));
+    }
+    // Requests being answered are capped by max_connections: two downloads
+    // whose clients do not read hold both slots.
     DaemonProcess daemon({"--max-connections", "2"});
     ASSERT_TRUE(daemon.ready()) << daemon.stderrText();
-
-    // Two requests whose headers never end hold both slots until they close.
-    int held[2] = {connectTo(daemon.port()), connectTo(daemon.port())};
-    for (int fd : held)
-        sendAll(fd, "GET /health HTTP/1.1\r\nX-Slow: ");
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const std::string folder = daemon.dir() + "/storage/tenants/default";
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder + "/big.txt") << std::string(32 << 20, 'x');
+    int held[2];
+    for (int& fd : held) {
+        fd = connectTo(daemon.port());
+        sendAll(fd, "GET /api/v1/storage/default/big.txt HTTP/1.1\r\n\r\n");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_EQ(request(daemon.port(), "GET", "/health").outcome(), "503 Server busy");
-
-    for (int fd : held)
-        close(fd);
+    for (int fd : held) close(fd);
     EXPECT_TRUE(eventually([&] { return request(daemon.port(), "GET", "/health").status == 200; }));
 }
 

@@ -191,7 +191,8 @@ TEST_F(StorageApiTest, NothingReachesOutsideTheTenantFolder) {
     fs::create_directories(dir_ + "/outside");
     std::ofstream(dir_ + "/outside/secret.txt") << "secret";
 
-    // Climbing and absolute paths stay inside; "%2e%2e" is a name, not a dot pair.
+    // Climbing and absolute paths stay inside; "%2e%2e" decodes to ".." and
+    // is dropped like a typed one.
     const int port = daemon_->port();
     EXPECT_EQ(call("PUT", kFiles + "default/../../../outside/x.txt", "a").status, 201);
     EXPECT_TRUE(fs::exists(tenants + "default/outside/x.txt"));
@@ -200,7 +201,10 @@ TEST_F(StorageApiTest, NothingReachesOutsideTheTenantFolder) {
                                 "default/%2e%2e/y.txt HTTP/1.1\r\nContent-Length: 1\r\n\r\nb")
                   .status,
               201);
-    EXPECT_TRUE(fs::exists(tenants + "default/%2e%2e/y.txt"));
+    EXPECT_TRUE(fs::exists(tenants + "default/y.txt"));
+    EXPECT_EQ(call("GET", kFiles + "default/%2e%2e/%2e%2e/y.txt").body, "b");
+    EXPECT_EQ(call("GET", kFiles + "default%2F..%2Fsystem/tenants.json").outcome(),
+              "400 Invalid encoded character in path");
     EXPECT_EQ(sendRaw(port, "GET " + kFiles + "%2e%2e/system/tenants.json HTTP/1.1\r\n\r\n").status,
               404);
     EXPECT_EQ(call("GET", kFiles + "../system/tenants.json").status, 404);

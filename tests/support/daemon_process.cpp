@@ -83,6 +83,28 @@ int bindLoopback(int& port) {
     return fd;
 }
 
+std::pair<int, int> resourcesOf(pid_t pid) {
+    const std::string proc = "/proc/" + std::to_string(pid);
+    const auto fds = std::distance(std::filesystem::directory_iterator(proc + "/fd"), {});
+    std::ifstream status(proc + "/status");
+    std::string line;
+    while (std::getline(status, line) && line.rfind("Threads:", 0) != 0) {
+    }
+    return {static_cast<int>(fds), std::atoi(line.c_str() + 8)};
+}
+
+std::string runCommand(const std::string& command, int* status) {
+    std::string out;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return out;
+    char buffer[4096];
+    std::size_t n;
+    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
+    const int raw = pclose(pipe);
+    if (status) *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return out;
+}
+
 int freePort() {
     int port = 0;
     close(bindLoopback(port));

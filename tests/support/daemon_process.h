@@ -21,6 +21,13 @@ int bindLoopback(int& port);
 std::string makeTempDir(const std::string& tag = "vostra");
 void removeTree(const std::string& path);
 
+// Open descriptors and threads of a process.
+std::pair<int, int> resourcesOf(pid_t pid);
+
+// Runs `command` through the shell; its standard output, and its exit
+// status in `status` when given.
+std::string runCommand(const std::string& command, int* status = nullptr);
+
 // Asks `done` every 20 ms until it holds (true) or `timeout_ms` pass (false).
 bool eventually(const std::function<bool()>& done, int timeout_ms = 10000);
 

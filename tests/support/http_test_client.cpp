@@ -10,8 +10,10 @@
 
 namespace vostra::test {
 
-int connectTo(int port) {
+int connectTo(int port, int receive_buffer) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd >= 0 && receive_buffer > 0)
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));

@@ -19,8 +19,9 @@ struct HttpResponse {
     std::string outcome() const;
 };
 
-// A connected loopback socket, or -1.
-int connectTo(int port);
+// A connected loopback socket, or -1; a non-zero `receive_buffer` caps the
+// socket's receive buffer (set before connecting, so the window obeys it).
+int connectTo(int port, int receive_buffer = 0);
 // Reads until the peer closes or `timeout_ms` passes.
 std::string readAll(int fd, int timeout_ms = 10000);
 bool sendAll(int fd, const std::string& bytes);
