@@ -291,16 +291,27 @@ StorageResult FilesystemBackend::write(const std::string& tenant, const std::str
     return result;
 }
 
+std::optional<StorageResult> FilesystemBackend::findFile(const std::string& tenant,
+                                                        const std::string& path, std::string& rel,
+                                                        fs::path& full) const {
+    rel = sanitizePath(path);
+    if (auto refused = refuseLinks(tenant, rel, path)) return refused;
+    full = buildPath(tenant, rel);
+    std::error_code error;
+    const fs::file_status status = fs::symlink_status(full, error);
+    if (!fs::exists(status))
+        return StorageResult::failure(ErrorKind::NotFound, "File not found: " + path);
+    if (fs::is_directory(status))
+        return StorageResult::failure(ErrorKind::Conflict, "Path is a directory: " + path);
+    return std::nullopt;
+}
+
 StorageResult FilesystemBackend::openFile(const std::string& tenant, const std::string& path,
                                           OpenedFile& file) {
     std::lock_guard lock(mutex_);
-    const std::string rel = sanitizePath(path);
-    if (auto refused = refuseLinks(tenant, rel, path)) return *refused;
-    const fs::path full = buildPath(tenant, rel);
-    std::error_code error;
-    const fs::file_status status = fs::symlink_status(full, error);
-    if (!fs::exists(status)) return StorageResult::failure(ErrorKind::NotFound, "File not found: " + path);
-    if (fs::is_directory(status)) return StorageResult::failure(ErrorKind::Conflict, "Path is a directory: " + path);
+    std::string rel;
+    fs::path full;
+    if (auto failed = findFile(tenant, path, rel, full)) return *failed;
 
     FileIo opened;
     const int fd = openChecked(full, O_RDONLY, opened);
@@ -319,13 +330,9 @@ StorageResult FilesystemBackend::openFile(const std::string& tenant, const std::
 StorageResult FilesystemBackend::read(const std::string& tenant, const std::string& path,
                                       int64_t offset, int64_t length) {
     std::lock_guard lock(mutex_);
-    const std::string rel = sanitizePath(path);
-    if (auto refused = refuseLinks(tenant, rel, path)) return *refused;
-    const fs::path full = buildPath(tenant, rel);
-    std::error_code error;
-    const fs::file_status status = fs::symlink_status(full, error);
-    if (!fs::exists(status)) return StorageResult::failure(ErrorKind::NotFound, "File not found: " + path);
-    if (fs::is_directory(status)) return StorageResult::failure(ErrorKind::Conflict, "Path is a directory: " + path);
+    std::string rel;
+    fs::path full;
+    if (auto failed = findFile(tenant, path, rel, full)) return *failed;
 
     StorageResult result;
     switch (readRange(full, offset, length, result.data)) {

@@ -75,6 +75,10 @@ private:
     std::optional<StorageResult> refuseLinks(const std::string& tenant,
                                              const std::string& sanitized,
                                              const std::string& shown) const;
+    // The sanitised and full path of an existing non-folder at `path`, or the
+    // failure to answer (refused link, not found, a folder). Caller holds mutex_.
+    std::optional<StorageResult> findFile(const std::string& tenant, const std::string& path,
+                                          std::string& rel, std::filesystem::path& full) const;
     // Source and target of a move or copy, both checked for links.
     struct Transfer {
         std::string from_rel;
