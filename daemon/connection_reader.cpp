@@ -1,16 +1,14 @@
 #include "daemon/connection_reader.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
 #include "common/log.h"
-#include "daemon/request_assembler.h"
 
 namespace vostra::data {
 namespace {
@@ -19,37 +17,58 @@ constexpr vostra::Log kLog("[DataDaemon] ");
 // The reading rule: at most this much per recv, each piece cut at its NUL.
 constexpr std::size_t kRecvChunk = 8191;
 constexpr int kMaxEvents = 256;
-constexpr int kReadsPerWake = 64;
 constexpr int kWaitMs = 250;
-// A client that stops reading must not pin its thread for ever: a send
-// with no progress for this long fails.
+// A bounded number of reads per wake-up, so one fast upload cannot keep
+// every other connection waiting; the level-triggered poll comes back.
+constexpr int kReadsPerWake = 64;
 constexpr timeval kSendTimeout{30, 0};
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 using Clock = std::chrono::steady_clock;
 
-void setBlocking(int fd, bool blocking) {
-    const int flags = fcntl(fd, F_GETFL, 0);
-    if (flags >= 0) fcntl(fd, F_SETFL, blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);
+enum class Read { Progress, Drained, Closed };
+
+// One non-blocking read into `assembler`, answering "Expect: 100-continue".
+Read readOnce(int fd, RequestAssembler& assembler, RequestAssembler::Progress& progress) {
+    char buffer[kRecvChunk + 1];
+    ssize_t received;
+    do {
+        received = recv(fd, buffer, kRecvChunk, MSG_DONTWAIT);
+    } while (received < 0 && errno == EINTR);
+    if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Read::Drained;
+    if (received <= 0) return Read::Closed;
+    buffer[received] = '\0';
+    progress = assembler.feed(std::string_view(buffer, std::strlen(buffer)));
+    if (assembler.takeContinue()) (void)send(fd, kContinue.data(), kContinue.size(), MSG_NOSIGNAL);
+    return Read::Progress;
 }
 
 }  // namespace
 
-struct ConnectionReader::Connection {
-    RequestAssembler assembler;
-    Clock::time_point opened;
-    Clock::time_point last_read;
-};
+RequestAssembler::Progress readWithoutWaiting(int fd, RequestAssembler& assembler,
+                                              bool& peer_closed) {
+    RequestAssembler::Progress progress = RequestAssembler::Progress::NeedMore;
+    peer_closed = false;
+    while (progress == RequestAssembler::Progress::NeedMore) {
+        const Read read = readOnce(fd, assembler, progress);
+        if (read == Read::Drained) break;
+        if (read == Read::Closed) {
+            peer_closed = true;
+            break;
+        }
+    }
+    return progress;
+}
 
-ConnectionReader::ConnectionReader(int listen_fd, Limits limits, Handoff handoff)
-    : listen_fd_(listen_fd), limits_(limits), handoff_(std::move(handoff)) {
+ConnectionReader::ConnectionReader(Limits limits, Handoff handoff)
+    : limits_(limits), handoff_(std::move(handoff)) {
     epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
-    if (epoll_fd_ < 0) return;
-    setBlocking(listen_fd_, false);
+    wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (epoll_fd_ < 0 || wake_fd_ < 0) return;
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.fd = listen_fd_;
-    if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, listen_fd_, &event) != 0) {
+    event.data.fd = wake_fd_;
+    if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, wake_fd_, &event) != 0) {
         close(epoll_fd_);
         epoll_fd_ = -1;
     }
@@ -57,23 +76,74 @@ ConnectionReader::ConnectionReader(int listen_fd, Limits limits, Handoff handoff
 
 ConnectionReader::~ConnectionReader() {
     for (auto& [fd, connection] : connections_) close(fd);
+    for (auto& [fd, connection] : queue_) close(fd);
     if (epoll_fd_ >= 0) close(epoll_fd_);
+    if (wake_fd_ >= 0) close(wake_fd_);
+}
+
+void ConnectionReader::adopt(int fd, RequestAssembler&& partial, Clock::time_point opened) {
+    auto connection = std::make_unique<Connection>();
+    connection->assembler = std::move(partial);
+    connection->opened = opened;
+    connection->last_read = Clock::now();
+    {
+        std::lock_guard lock(queue_mutex_);
+        if (!serving_) {
+            close(fd);
+            return;
+        }
+        queue_.emplace_back(fd, std::move(connection));
+    }
+    waiting_.fetch_add(1);
+    const uint64_t one = 1;
+    (void)!write(wake_fd_, &one, sizeof one);
+}
+
+bool ConnectionReader::serving() const {
+    std::lock_guard lock(queue_mutex_);
+    return serving_;
+}
+
+void ConnectionReader::takeAdopted() {
+    uint64_t count;
+    (void)!read(wake_fd_, &count, sizeof count);
+    std::vector<std::pair<int, std::unique_ptr<Connection>>> adopted;
+    {
+        std::lock_guard lock(queue_mutex_);
+        adopted.swap(queue_);
+    }
+    for (auto& [fd, connection] : adopted) {
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLRDHUP;
+        event.data.fd = fd;
+        if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) != 0) {
+            close(fd);
+            waiting_.fetch_sub(1);
+            continue;
+        }
+        connections_[fd] = std::move(connection);
+    }
 }
 
 void ConnectionReader::run(const std::atomic<bool>& running) {
+    if (!ready()) return;
+    {
+        std::lock_guard lock(queue_mutex_);
+        serving_ = true;
+    }
     epoll_event events[kMaxEvents];
     last_sweep_ = Clock::now();
     while (running.load()) {
         const int count = epoll_wait(epoll_fd_, events, kMaxEvents, kWaitMs);
         if (count < 0 && errno != EINTR) {
-            kLog.error("Accept failed");
+            kLog.error("Request reader failed: ", std::strerror(errno));
             usleep(10 * 1000);
         }
         if (!running.load()) break;
         for (int i = 0; i < count; ++i) {
             const int fd = events[i].data.fd;
-            if (fd == listen_fd_) {
-                acceptAll();
+            if (fd == wake_fd_) {
+                takeAdopted();
                 continue;
             }
             auto it = connections_.find(fd);
@@ -82,74 +152,35 @@ void ConnectionReader::run(const std::atomic<bool>& running) {
         const auto now = Clock::now();
         if (now - last_sweep_ >= std::chrono::milliseconds(kWaitMs)) sweep(now);
     }
+    {
+        std::lock_guard lock(queue_mutex_);
+        serving_ = false;
+    }
+    takeAdopted();
     for (auto& [fd, connection] : connections_) close(fd);
     connections_.clear();
     waiting_.store(0);
 }
 
-void ConnectionReader::acceptAll() {
-    for (;;) {
-        const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd < 0) {
-            if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno != EAGAIN && errno != EWOULDBLOCK) {
-                kLog.error("Accept failed");
-                // Out of descriptors: give clients a moment to finish
-                // instead of spinning on a listening socket that stays ready.
-                if (errno == EMFILE || errno == ENFILE) usleep(10 * 1000);
-            }
-            return;
-        }
-        if (connections_.size() >= limits_.max_waiting) {
-            setBlocking(fd, true);
-            setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
-            sendError(fd, 503, "Server busy");
-            close(fd);
-            continue;
-        }
-        epoll_event event{};
-        event.events = EPOLLIN | EPOLLRDHUP;
-        event.data.fd = fd;
-        if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) != 0) {
-            close(fd);
-            continue;
-        }
-        auto connection = std::make_unique<Connection>();
-        connection->opened = connection->last_read = Clock::now();
-        connections_[fd] = std::move(connection);
-        waiting_.store(connections_.size());
-    }
-}
-
 void ConnectionReader::readFrom(int fd, Connection& connection) {
-    char buffer[kRecvChunk + 1];
-    // A bounded number of reads per wake-up, so one fast upload cannot keep
-    // every other connection waiting; the level-triggered poll comes back.
     for (int reads = 0; reads < kReadsPerWake; ++reads) {
-        const ssize_t received = recv(fd, buffer, kRecvChunk, 0);
-        if (received < 0 && errno == EINTR) continue;
-        if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
-        if (received <= 0) {
-            // The peer is done sending (or failed): what arrived is the request.
-            finish(fd);
-            return;
+        RequestAssembler::Progress progress = RequestAssembler::Progress::NeedMore;
+        switch (readOnce(fd, connection.assembler, progress)) {
+            case Read::Drained:
+                return;
+            case Read::Closed:
+                // The peer is done sending (or failed): what arrived is the request.
+                finish(fd);
+                return;
+            case Read::Progress:
+                connection.last_read = Clock::now();
+                break;
         }
-        connection.last_read = Clock::now();
-        buffer[received] = '\0';
-        const auto progress = connection.assembler.feed(std::string_view(buffer, std::strlen(buffer)));
-        if (connection.assembler.takeContinue())
-            (void)send(fd, kContinue.data(), kContinue.size(), MSG_NOSIGNAL);
         switch (progress) {
             case RequestAssembler::Progress::NeedMore:
                 break;
-            case RequestAssembler::Progress::Complete:
-                finish(fd);
-                return;
-            case RequestAssembler::Progress::HeadTooLarge:
-                finish(fd, 431);
-                return;
-            case RequestAssembler::Progress::BadChunking:
-                finish(fd, 400);
+            default:
+                finish(fd, progress);
                 return;
         }
     }
@@ -166,28 +197,22 @@ void ConnectionReader::sweep(Clock::time_point now) {
     for (int fd : due) finish(fd);
 }
 
-void ConnectionReader::finish(int fd, int status) {
+void ConnectionReader::finish(int fd, RequestAssembler::Progress progress) {
     auto it = connections_.find(fd);
     if (it == connections_.end()) return;
     std::unique_ptr<Connection> connection = std::move(it->second);
     connections_.erase(it);
-    waiting_.store(connections_.size());
+    waiting_.fetch_sub(1);
     epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
-    setBlocking(fd, true);
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
 
     if (connection->assembler.empty()) {
         // A connection that sends nothing gets no answer.
         close(fd);
         return;
     }
-    if (status == 431) {
-        sendError(fd, 431, "Request header fields too large");
-        close(fd);
-        return;
-    }
-    if (status != 0) {
-        sendError(fd, status, "Malformed chunked body");
+    if (progress != RequestAssembler::Progress::Complete) {
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
+        sendUnreadable(fd, progress);
         close(fd);
         return;
     }

@@ -11,6 +11,7 @@
 #include "common/log.h"
 #include "connectors/agent_storage.h"
 #include "connectors/data_source_registry.h"
+#include "daemon/connection_reader.h"
 #include "daemon/identity.h"
 #include "storage/storage_service.h"
 #include "vector/vector_storage_service.h"
@@ -39,7 +40,10 @@ DataDaemon::DataDaemon()
     : registry_(std::make_unique<DataSourceRegistry>()),
       discovery_(std::make_unique<discovery::ClusterDiscovery>()),
       agent_storage_(std::make_unique<AgentStorage>()),
-      vector_config_(std::make_unique<VectorStorageConfig>()) {}
+      vector_config_(std::make_unique<VectorStorageConfig>()) {
+    reader_ = std::make_unique<ConnectionReader>(
+        ConnectionReader::Limits{}, [this](HttpRequest&& request) { serveAdopted(std::move(request)); });
+}
 
 DataDaemon::~DataDaemon() { stop(); }
 

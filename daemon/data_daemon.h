@@ -16,6 +16,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -38,6 +39,7 @@ namespace vostra::data {
 
 struct HttpRequest;
 class RouteParams;
+class ConnectionReader;
 class ControllerClient;
 struct DataSourceConfig;
 struct DataSourceStatusInfo;
@@ -152,6 +154,17 @@ private:
 
     // Answers one complete request on the calling thread; never throws.
     void serveRequest(HttpRequest& request);
+    // Runs `serve` on a client thread within max_connections, else answers
+    // 503 "Server busy"; `serve` returns whether the socket is done with (to
+    // close) or was passed on.
+    template <typename Serve>
+    void dispatchRequest(int fd, Serve&& serve);
+    // Reads a fresh connection's request without waiting: answers it when
+    // it is all there, else passes the connection to the reader (false).
+    bool serveFresh(int fd);
+    // A request the reader finished, to answer on a client thread.
+    void serveAdopted(HttpRequest&& request);
+    void refuseBusy(int fd);
     // Hands the request to its area by the ordered prefix table (router.cpp).
     void dispatch(const HttpRequest& request);
 
@@ -200,6 +213,8 @@ private:
     std::atomic<int> listen_fd_{-1};
     std::atomic<int> active_clients_{0};  // connections being served
     ClientThreads client_threads_;
+    // Finishes reading requests from slow clients; runs beside the accept loop.
+    std::unique_ptr<ConnectionReader> reader_;
     std::chrono::steady_clock::time_point start_time_;
 
     std::mutex wake_mutex_;

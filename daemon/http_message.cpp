@@ -70,12 +70,8 @@ std::optional<HttpRequest> readRequest(int fd) {
         const auto progress = assembler.feed(std::string_view(buffer, std::strlen(buffer)));
         if (assembler.takeContinue()) writeAll(fd, kContinue);
         if (progress == RequestAssembler::Progress::NeedMore) continue;
-        if (progress == RequestAssembler::Progress::HeadTooLarge) {
-            sendError(fd, 431, "Request header fields too large");
-            return std::nullopt;
-        }
-        if (progress == RequestAssembler::Progress::BadChunking) {
-            sendError(fd, 400, "Malformed chunked body");
+        if (progress != RequestAssembler::Progress::Complete) {
+            sendUnreadable(fd, progress);
             return std::nullopt;
         }
         break;

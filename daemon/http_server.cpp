@@ -1,6 +1,6 @@
-// The accept thread (listening socket and the event-driven reader of request
-// heads and bodies) and the serving of one complete request on a client
-// thread.
+// The accept thread, the hand-over of connections to client threads and to
+// the event-driven reader of slow requests, and the serving of one complete
+// request on a client thread.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -8,11 +8,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <functional>
+#include <thread>
 #include <cstring>
 #include <exception>
 
 #include "common/log.h"
 #include "daemon/connection_reader.h"
+#include "daemon/request_assembler.h"
 #include "daemon/data_daemon.h"
 #include "daemon/http_message.h"
 #include "daemon/request_context.h"
@@ -82,35 +86,79 @@ int openListener(const std::string& bind_address, int port) {
 
 }  // namespace
 
+bool DataDaemon::serveFresh(int fd) {
+    RequestAssembler assembler;
+    bool peer_closed = false;
+    const auto progress = readWithoutWaiting(fd, assembler, peer_closed);
+    if (progress == RequestAssembler::Progress::NeedMore && !peer_closed) {
+        reader_->adopt(fd, std::move(assembler), std::chrono::steady_clock::now());
+        return false;
+    }
+    if (progress == RequestAssembler::Progress::HeadTooLarge ||
+        progress == RequestAssembler::Progress::BadChunking) {
+        sendUnreadable(fd, progress);
+    } else if (!assembler.empty()) {
+        HttpRequest request = assembler.finish(fd);
+        serveRequest(request);
+    }
+    return true;
+}
+
+void DataDaemon::refuseBusy(int fd) {
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
+    sendError(fd, 503, "Server busy");
+    close(fd);
+}
+
+template <typename Serve>
+void DataDaemon::dispatchRequest(int fd, Serve&& serve) {
+    if (active_clients_.fetch_add(1) >= config_.max_connections ||
+        !client_threads_.dispatch([this, fd, serve = std::forward<Serve>(serve)]() mutable {
+            setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof kSendTimeout);
+            if (serve()) close(fd);
+            active_clients_.fetch_sub(1);
+        })) {
+        active_clients_.fetch_sub(1);
+        refuseBusy(fd);
+    }
+}
+
+void DataDaemon::serveAdopted(HttpRequest&& request) {
+    const int fd = request.fd;
+    dispatchRequest(fd, [this, request = std::move(request)]() mutable {
+        serveRequest(request);
+        return true;
+    });
+}
+
 void DataDaemon::httpServerLoop() {
     const int fd = openListener(config_.bind_address, config_.port);
     if (fd < 0) return;
     // Publish the socket before looking at the flags again: stop() clears the
     // flags before it reads listen_fd_, so one of us always sees the other.
     listen_fd_.store(fd);
+    std::thread reading([this] { reader_->run(http_running_); });
 
-    ConnectionReader::Limits limits;
-    limits.max_waiting = static_cast<std::size_t>(config_.max_waiting_connections);
-    ConnectionReader reader(fd, limits, [this](HttpRequest&& request) {
-        const int client = request.fd;
-        if (active_clients_.fetch_add(1) >= config_.max_connections ||
-            !client_threads_.dispatch([this, request = std::move(request)]() mutable {
-                serveRequest(request);
-                close(request.fd);
-                active_clients_.fetch_sub(1);
-            })) {
-            active_clients_.fetch_sub(1);
-            sendError(client, 503, "Server busy");
-            close(client);
+    while (running_.load() && http_running_.load()) {
+        const int client = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (client < 0) {
+            if (!running_.load() || !http_running_.load()) break;
+            kLog.error("Accept failed");
+            // Out of descriptors: give clients a moment to finish instead of spinning.
+            if (errno == EMFILE || errno == ENFILE) usleep(10 * 1000);
+            continue;
         }
-    });
-    if (!reader.ready()) {
-        kLog.error("Failed to listen");
-    } else {
-        // stop() clears this flag (after running_), which ends the loop.
-        reader.run(http_running_);
+        if (reader_->waiting() >= static_cast<std::size_t>(config_.max_waiting_connections)) {
+            refuseBusy(client);
+            continue;
+        }
+        // Most requests are whole when their connection is accepted (the
+        // listener waits for the first bytes): a client thread reads and
+        // answers them at once, and passes the rest to the reader.
+        dispatchRequest(client, [this, client] { return serveFresh(client); });
     }
 
+    reading.join();
     const int still_open = listen_fd_.exchange(-1);
     if (still_open >= 0) close(still_open);
 }

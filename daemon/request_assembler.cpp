@@ -27,6 +27,13 @@ std::string lowered(std::string text) {
 
 }  // namespace
 
+void sendUnreadable(int fd, RequestAssembler::Progress progress) {
+    if (progress == RequestAssembler::Progress::HeadTooLarge)
+        sendError(fd, 431, "Request header fields too large");
+    else
+        sendError(fd, 400, "Malformed chunked body");
+}
+
 std::string originFormOf(std::string_view target) {
     const std::size_t scheme_end = target.find("://");
     if (scheme_end == std::string_view::npos) return std::string(target);

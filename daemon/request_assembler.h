@@ -75,6 +75,10 @@ private:
     std::size_t remaining_ = 0;  // bytes of the current chunk still to come
 };
 
+// Answers a request that cannot be read: 431 "Request header fields too
+// large" for HeadTooLarge, 400 "Malformed chunked body" for BadChunking.
+void sendUnreadable(int fd, RequestAssembler::Progress progress);
+
 // The path of a request target: "http://host:port/a?b" gives "/a?b"; any
 // other target is returned as it stands.
 std::string originFormOf(std::string_view target);
