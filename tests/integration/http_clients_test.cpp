@@ -149,6 +149,17 @@ TEST_F(HttpClientsTest, HeadAnswersLikeGetWithoutTheBodyAndAbsoluteTargetsAreRou
     EXPECT_EQ(absolute.json()["status"], "healthy");
 }
 
+TEST(HttpServerBind, AnAddressWithAColonIsIPv6) {
+    if (runCommand("ip -6 addr show lo 2>/dev/null").find("::1") == std::string::npos)
+        GTEST_SKIP() << "no IPv6 loopback here";
+    DaemonProcess daemon({"-b", "::1"}, /*wait_ready=*/false);
+    const std::string url = "http://[::1]:" + std::to_string(daemon.port()) + "/health";
+    EXPECT_TRUE(eventually([&] {
+        return runCommand("curl -sg " + url).find("\"healthy\"") != std::string::npos;
+    }));
+    EXPECT_EQ(connectTo(daemon.port()), -1);  // not on IPv4 loopback
+}
+
 TEST_F(HttpClientsTest, ClientsThatDripTheirRequestsCostNoSlots) {
     // Leave the process's descriptors for the crowd.
     const auto before = resourcesOf(daemon_->pid());
