@@ -112,6 +112,7 @@ void DataDaemon::startStorage() {
     StorageServiceConfig storage_config;
     storage_config.backend_type = storageBackendTypeFromName(config_.storage_backend);
     storage_config.base_path = config_.storage_path;
+    storage_config.fsync = config_.storage_fsync;
     storage_config.nfs_enabled = config_.nfs_enabled;
     storage_config.nfs_port = config_.nfs_port;
     auto storage = std::make_unique<StorageService>();

@@ -9,12 +9,26 @@
 #include "daemon/http_message.h"
 #include "daemon/json_body.h"
 #include "daemon/route_table.h"
+#include "daemon/status_table.h"
 #include "storage/storage_service.h"
 
 namespace vostra::data {
 namespace {
 
 constexpr const char* kTenantNotFound = "Tenant not found";
+
+constexpr KindStatus kTenantStatuses[] = {
+    {ErrorKind::Invalid, 400},
+    {ErrorKind::NotFound, 404},
+    {ErrorKind::Internal, 500},
+};
+
+// An unknown tenant answers the fixed "Tenant not found"; any other failure
+// its own message.
+void sendFailure(int fd, const Status& failure) {
+    sendError(fd, statusFor(kTenantStatuses, failure.kind, 500),
+              failure.kind == ErrorKind::NotFound ? kTenantNotFound : failure.message);
+}
 
 // The optional body of a DELETE.
 struct DeleteOptions {
@@ -31,15 +45,26 @@ void listTenants(StorageService& storage, const HttpRequest& request, const Rout
     sendJson(request.fd, 200, toJsonArray(storage.listTenants()));
 }
 
+// The body onto a usable tenant: keys it leaves out do not disable the
+// tenant or give it no room.
+std::optional<TenantConfig> readTenant(const HttpRequest& request) {
+    const auto body = readRequiredJsonObject(request);
+    if (!body) return std::nullopt;
+    TenantConfig tenant = TenantConfig::usableDefaults();
+    tenant.merge(*body);
+    return tenant;
+}
+
 void createTenant(StorageService& storage, const HttpRequest& request, const RouteParams&) {
-    const auto tenant = readJsonBody<TenantConfig>(request);
+    const auto tenant = readTenant(request);
     if (!tenant) return;
     if (const Status created = storage.tryCreateTenant(*tenant); !created) {
         // An id that could climb out of the storage root gets its own answer
-        // rather than "may already exist".
-        sendError(request.fd, 400,
-                  created.kind == ErrorKind::Invalid ? created.message
-                                                     : "Failed to create tenant (may already exist)");
+        // rather than "may already exist", and so does a disk that failed.
+        if (created.kind == ErrorKind::Conflict)
+            sendError(request.fd, 400, "Failed to create tenant (may already exist)");
+        else
+            sendError(request.fd, statusFor(kTenantStatuses, created.kind, 400), created.message);
         return;
     }
     sendJson(request.fd, 201, {{"status", "created"}, {"id", tenant->id}});
@@ -61,15 +86,15 @@ void getUsage(StorageService& storage, const HttpRequest& request, const RoutePa
 }
 
 void updateTenant(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
-    auto tenant = readJsonBody<TenantConfig>(request);
+    auto tenant = readTenant(request);
     if (!tenant) return;
     // The URL names the tenant; an id in the body cannot redirect the update
     // to another one.
     tenant->id = params.get("id");
-    if (storage.tryUpdateTenant(*tenant))
-        sendJson(request.fd, 200, {{"status", "updated"}, {"id", tenant->id}});
+    if (const Status updated = storage.tryUpdateTenant(*tenant); !updated)
+        sendFailure(request.fd, updated);
     else
-        sendError(request.fd, 404, kTenantNotFound);
+        sendJson(request.fd, 200, {{"status", "updated"}, {"id", tenant->id}});
 }
 
 void deleteTenant(StorageService& storage, const HttpRequest& request, const RouteParams& params) {
@@ -80,10 +105,10 @@ void deleteTenant(StorageService& storage, const HttpRequest& request, const Rou
         options = *read;
     }
     const std::string id = params.get("id");
-    if (storage.tryDeleteTenant(id, options.force))
-        sendJson(request.fd, 200, {{"status", "deleted"}, {"id", id}});
+    if (const Status deleted = storage.tryDeleteTenant(id, options.force); !deleted)
+        sendFailure(request.fd, deleted);
     else
-        sendError(request.fd, 404, kTenantNotFound);
+        sendJson(request.fd, 200, {{"status", "deleted"}, {"id", id}});
 }
 
 constexpr ServiceRoute<StorageService> kTenantRoutes[] = {

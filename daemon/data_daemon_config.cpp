@@ -25,6 +25,7 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "storage_enabled", c.storage_enabled);
     readField(json, "storage_backend", c.storage_backend);
     readField(json, "storage_path", c.storage_path);
+    readField(json, "storage_fsync", c.storage_fsync);
     readField(json, "nfs_enabled", c.nfs_enabled);
     readField(json, "nfs_port", c.nfs_port);
     readField(json, "agent_storage_enabled", c.agent_storage_enabled);

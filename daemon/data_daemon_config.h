@@ -28,6 +28,8 @@ struct DataDaemonConfig {
     bool storage_enabled = true;
     std::string storage_backend = "filesystem";
     std::string storage_path = "/var/lib/vostra/storage";
+    // Stored files are flushed to disk before they replace the old ones.
+    bool storage_fsync = true;
     bool nfs_enabled = false;
     int32_t nfs_port = 2049;
     bool agent_storage_enabled = false;

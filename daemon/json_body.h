@@ -23,6 +23,11 @@ std::optional<Record> readJsonBody(const HttpRequest& request) {
     }
 }
 
+// The body as a JSON object. A body that is not JSON answers 400 with the
+// parser's message, other JSON 400 "Request body must be a JSON object";
+// both yield nothing.
+std::optional<nlohmann::json> readRequiredJsonObject(const HttpRequest& request);
+
 // The body as a JSON object, an empty (or blank) body being an empty one.
 // Anything else answers 400 "Request body must be a JSON object" and yields
 // nothing.

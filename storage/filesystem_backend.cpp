@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/atomic_file.h"
 #include "common/log.h"
 #include "storage/checksum.h"
 #include "storage/content_type.h"
@@ -17,7 +18,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr vostra::Log kLog("[StorageService] ");
-constexpr std::string_view kSidecarSuffix = ".meta";
+constexpr mode_t kFileMode = 0644;
 constexpr const char* kTenantSubdirs[] = {"swarms", "artifacts", "sessions", "uploads"};
 
 using Clock = std::chrono::system_clock;
@@ -27,12 +28,17 @@ StorageResult refusal(std::string message) {
 }
 
 bool isSidecarName(std::string_view name) {
-    return name.ends_with(kSidecarSuffix);
+    return name.ends_with(FilesystemBackend::kSidecarSuffix);
+}
+
+// Files no client put there: sidecars, and new versions not yet in place.
+bool isInternalName(std::string_view name) {
+    return isSidecarName(name) || PendingFile::isPendingName(name);
 }
 
 fs::path sidecarOf(const fs::path& file) {
     fs::path sidecar = file;
-    sidecar += kSidecarSuffix;
+    sidecar += FilesystemBackend::kSidecarSuffix;
     return sidecar;
 }
 
@@ -56,7 +62,7 @@ void fileTimes(const fs::path& path, FileEntry& entry) {
         (info.stx_mask & STATX_BTIME) ? fromTimestamp(info.stx_btime) : entry.modified_at;
 }
 
-enum class FileIo { Ok, OpenFailed, NotRegular, IoFailed };
+enum class FileIo { Ok, OpenFailed, NotRegular };
 
 // Opening with O_NOFOLLOW and checking the type on the open descriptor means
 // a link or a FIFO planted as the last component is never followed or
@@ -75,22 +81,6 @@ int openChecked(const fs::path& path, int flags, FileIo& status) {
     }
     status = FileIo::Ok;
     return fd;
-}
-
-FileIo writeWhole(const fs::path& path, std::string_view data) {
-    FileIo status;
-    // Truncation waits until the descriptor is known to be a regular file.
-    int fd = openChecked(path, O_WRONLY | O_CREAT, status);
-    if (fd < 0) return status;
-    bool ok = ftruncate(fd, 0) == 0;
-    for (std::size_t done = 0; ok && done < data.size();) {
-        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        ok = n > 0;
-        if (ok) done += static_cast<std::size_t>(n);
-    }
-    ok = ::close(fd) == 0 && ok;
-    return ok ? FileIo::Ok : FileIo::IoFailed;
 }
 
 // Reads `length` bytes (all when negative) from `offset` into `out`.
@@ -166,6 +156,7 @@ std::optional<StorageResult> refuseLinksInTree(const fs::path& dir, const std::s
 bool FilesystemBackend::initialize(const StorageServiceConfig& config) {
     std::lock_guard lock(mutex_);
     base_path_ = config.base_path;
+    durable_ = config.fsync;
     const fs::path base(base_path_);
     for (const char* sub : {"tenants", "cluster", "system"}) {
         std::error_code error;
@@ -250,19 +241,12 @@ StorageResult FilesystemBackend::write(const std::string& tenant, const std::str
     const std::string rel = sanitizePath(path);
     if (auto refused = refuseLinks(tenant, rel, path)) return *refused;
     const fs::path full = buildPath(tenant, rel);
+    std::error_code error;
+    const fs::file_status existing = fs::symlink_status(full, error);
+    if (fs::exists(existing) && !fs::is_regular_file(existing))
+        return refusal("Not a regular file: " + path);
     if (!ensureParentDirs(full))
         return StorageResult::failure(ErrorKind::Internal, "Failed to create parent directories");
-
-    switch (writeWhole(full, data)) {
-        case FileIo::Ok:
-            break;
-        case FileIo::NotRegular:
-            return refusal("Not a regular file: " + path);
-        case FileIo::OpenFailed:
-            return StorageResult::failure(ErrorKind::Internal, "Failed to open file for writing: " + path);
-        case FileIo::IoFailed:
-            return StorageResult::failure(ErrorKind::Internal, "Failed to write file: " + path);
-    }
 
     FileEntry entry;
     entry.path = rel;
@@ -272,17 +256,40 @@ StorageResult FilesystemBackend::write(const std::string& tenant, const std::str
     entry.checksum = calculateChecksum(data);
     entry.metadata = metadata;
     entry.created_at = entry.modified_at = Clock::now();
-
     const nlohmann::json sidecar = {{"content_type", entry.content_type},
                                     {"metadata", metadata},
                                     {"checksum", entry.checksum},
                                     {"size", entry.size_bytes},
                                     {"modified_at", epochMillis(entry.modified_at)}};
-    // The data is written; a lost sidecar only loses the type and checksum.
-    if (writeWhole(sidecarOf(full),
-                   sidecar.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)) !=
-        FileIo::Ok)
-        kLog.error("Cannot write sidecar of ", full.string());
+
+    // Both new versions are complete on disk before either replaces the old
+    // one: a crash or a full disk leaves the old file and sidecar as they were.
+    PendingFile new_data;
+    PendingFile new_sidecar;
+    if (Status written = PendingFile::write(full.string(), data, kFileMode, durable_, new_data);
+        !written) {
+        kLog.error(written.message);
+        return StorageResult::failure(ErrorKind::Internal, "Failed to write file: " + path);
+    }
+    if (Status written = PendingFile::write(
+            sidecarOf(full).string(),
+            sidecar.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace), kFileMode,
+            durable_, new_sidecar);
+        !written) {
+        kLog.error(written.message);
+        return StorageResult::failure(ErrorKind::Internal, "Failed to write file: " + path);
+    }
+    // Between these two renames a crash leaves the new data beside the old
+    // sidecar, whose checksum then tells the mismatch.
+    if (Status committed = new_data.commit(); !committed) {
+        kLog.error(committed.message);
+        return StorageResult::failure(ErrorKind::Internal, "Failed to write file: " + path);
+    }
+    if (Status committed = new_sidecar.commit(); !committed)
+        kLog.error("Cannot replace the sidecar: ", committed.message);
+    if (durable_) {
+        if (Status synced = syncFolderOf(full.string()); !synced) kLog.error(synced.message);
+    }
 
     StorageResult result;
     result.success = true;
@@ -369,7 +376,7 @@ StorageResult FilesystemBackend::list(const std::string& tenant, const std::stri
         if (fs::is_symlink(status)) return;
         const std::string name = item.path().filename().string();
         const bool is_dir = fs::is_directory(status);
-        if (!is_dir && isSidecarName(name)) return;
+        if (!is_dir && isInternalName(name)) return;
         if (!pattern.empty() && !matchesPattern(name, pattern)) return;
         FileEntry entry;
         entry.path = item.path().lexically_relative(root).generic_string();
@@ -583,6 +590,7 @@ TenantUsage FilesystemBackend::getTenantUsage(const std::string& tenant) {
             continue;
         }
         if (!fs::is_regular_file(status)) continue;
+        if (PendingFile::isPendingName(it->path().filename().string())) continue;
         const auto size = it->file_size(ignored);
         if (ignored) continue;
         const auto bytes = static_cast<int64_t>(size);

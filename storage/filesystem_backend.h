@@ -6,10 +6,15 @@
 //
 // Confinement: caller paths are sanitised ("." and ".." dropped, never
 // resolved), and a symbolic link met on the way to the target, or a target
-// that is not a regular file or directory, refuses the request (`refused`
-// set) instead of being followed: someone with access to the directories
-// (an NFS client, a local user) could otherwise point a tenant outside its
-// tree.
+// that is not a regular file or directory, refuses the request (kind
+// Refused) instead of being followed: someone with access to the
+// directories (an NFS client, a local user) could otherwise point a tenant
+// outside its tree.
+//
+// Durability: a write puts the new file and sidecar beside the old ones
+// under temporary names (never listed or counted), flushes them when
+// `fsync` is set, and renames them over the old ones, so a crash or a full
+// disk leaves the old content or the new one, never a mixture or nothing.
 //
 // Thread-safety: one mutex serialises every operation for its whole
 // duration, the directory walks of getTenantUsage included.
@@ -20,6 +25,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "storage/storage_backend.h"
 
@@ -27,6 +33,9 @@ namespace vostra::data {
 
 class FilesystemBackend final : public StorageBackend {
 public:
+    // "<file>" + this is the file's sidecar.
+    static constexpr std::string_view kSidecarSuffix = ".meta";
+
     FilesystemBackend() = default;
     FilesystemBackend(const FilesystemBackend&) = delete;
     FilesystemBackend& operator=(const FilesystemBackend&) = delete;
@@ -98,6 +107,7 @@ private:
                        bool with_sidecar) const;
 
     std::string base_path_ = "/var/lib/vostra/storage";
+    bool durable_ = true;  // flush each file before it replaces the old one
     mutable std::mutex mutex_;
 };
 

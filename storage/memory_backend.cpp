@@ -57,6 +57,14 @@ std::vector<MemoryBackend::Files::const_iterator> MemoryBackend::subtree(
 
 bool MemoryBackend::ensureParentMarkers(const std::string& tenant, const std::string& rel) {
     std::string key = tenant + "/";
+    // The tenant's own folder too: deleting "" removes it with everything
+    // in it, and the next write must bring it back, as a file system would.
+    if (files_.find(key) == files_.end()) {
+        MemoryFile root;
+        root.is_directory = true;
+        root.created_at = root.modified_at = Clock::now();
+        files_.emplace(key, std::move(root));
+    }
     for (std::size_t slash = rel.find('/'); slash != std::string::npos;
          slash = rel.find('/', slash + 1)) {
         const std::string parent = key + rel.substr(0, slash);

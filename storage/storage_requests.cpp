@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/base64.h"
 #include "common/json_fields.h"
 #include "common/json_in_place.h"
 
@@ -42,6 +43,8 @@ std::string StorageWriteRequest::readBody(std::string&& body) {
         data = std::move(body);
         return {};
     }
+    std::string encoding;
+    const bool has_data = decoded || object.contains("data");
     try {
         if (decoded)
             data = std::move(body);
@@ -51,9 +54,14 @@ std::string StorageWriteRequest::readBody(std::string&& body) {
             data = std::move(body);
         readField(object, "content_type", content_type);
         readField(object, "metadata", metadata);
+        readField(object, "encoding", encoding);
     } catch (const nlohmann::json::exception& error) {
         return error.what();
     }
+    // Binary files travel as base64 text; decoding only shrinks, in place.
+    if (encoding.empty() || !has_data) return {};
+    if (encoding != "base64") return "Unknown encoding: " + encoding;
+    if (!decodeBase64InPlace(data)) return "Invalid base64 in \"data\"";
     return {};
 }
 

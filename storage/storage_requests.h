@@ -27,10 +27,12 @@ struct StorageWriteRequest {
     std::map<std::string, std::string> metadata;
 
     // Fills data, content_type and metadata from an HTTP request body. A JSON
-    // object with "data" stores that string alone; any other body (no "data",
-    // not an object, not JSON) is stored as it stands. "content_type" and
-    // "metadata" are taken from an object body when present. Returns an error
-    // text when one of those members has the wrong type, else empty.
+    // object with "data" stores that string alone, decoded from base64 when
+    // "encoding" is "base64"; any other body (no "data", not an object, not
+    // JSON) is stored as it stands. "content_type" and "metadata" are taken
+    // from an object body when present. Returns an error text when one of
+    // those members has the wrong type, the encoding is unknown or the
+    // base64 is not valid, else empty.
     // Takes the body: a raw body becomes `data` without a copy.
     std::string readBody(std::string&& body);
 };

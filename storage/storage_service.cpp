@@ -1,6 +1,7 @@
 #include "storage/storage_service.h"
 
 #include <filesystem>
+#include <utility>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -24,14 +25,9 @@ constexpr const char* kJsonType = "application/json";
 constexpr int kSubscriptionIdDigits = 16;
 
 TenantConfig builtInDefaultTenant() {
-    TenantConfig tenant;
+    TenantConfig tenant = TenantConfig::usableDefaults();
     tenant.id = "default";
     tenant.name = "Default Tenant";
-    tenant.storage_quota_bytes = 53687091200;  // 50 GiB
-    tenant.retention_days = 30;
-    tenant.nfs_access = true;
-    tenant.api_access = true;
-    tenant.enabled = true;
     return tenant;
 }
 
@@ -99,11 +95,25 @@ bool StorageService::validateTenantAccess(const std::string& tenant) const {
     return it != tenants_.end() && it->second.enabled && it->second.api_access;
 }
 
-std::optional<StorageResult> StorageService::refuseAccess(const std::string& tenant) const {
+std::optional<StorageResult> StorageService::refuseAccess(
+    const std::string& tenant, std::initializer_list<std::string_view> paths) const {
     if (!validateTenantAccess(tenant))
         return StorageResult::failure(ErrorKind::NotFound, "Tenant not found or access denied: " + tenant);
     if (!backend_) return StorageResult::failure(ErrorKind::Unavailable, "Storage service not available");
+    for (std::string_view path : paths) {
+        if (isReservedPath(path))
+            return StorageResult::failure(ErrorKind::Invalid,
+                                          "Reserved file name: " + std::string(path));
+    }
     return std::nullopt;
+}
+
+bool StorageService::isReservedPath(std::string_view path) {
+    const std::string sanitized = sanitizePath(std::string(path));
+    const std::string_view name = std::string_view(sanitized).substr(sanitized.rfind('/') + 1);
+    // A client that could write "a.txt.meta" would forge the content type
+    // and checksum that the backend keeps for "a.txt".
+    return name.ends_with(FilesystemBackend::kSidecarSuffix) || PendingFile::isPendingName(name);
 }
 
 TenantUsage StorageService::getTenantUsage(const std::string& tenant) const {
@@ -148,7 +158,7 @@ std::string StorageService::getAbsolutePath(const std::string& tenant,
 }
 
 StorageResult StorageService::read(const StorageReadRequest& request) {
-    if (auto refused = refuseAccess(request.tenant_id)) return *refused;
+    if (auto refused = refuseAccess(request.tenant_id, {request.path})) return *refused;
     StorageResult result =
         backend_->read(request.tenant_id, request.path, request.offset, request.length);
     if (result.success) {
@@ -159,7 +169,7 @@ StorageResult StorageService::read(const StorageReadRequest& request) {
 }
 
 StorageResult StorageService::openFile(const StorageReadRequest& request, OpenedFile& file) {
-    if (auto refused = refuseAccess(request.tenant_id)) return *refused;
+    if (auto refused = refuseAccess(request.tenant_id, {request.path})) return *refused;
     StorageResult result = backend_->openFile(request.tenant_id, request.path, file);
     if (result.success) {
         total_reads_.fetch_add(1);
@@ -169,7 +179,7 @@ StorageResult StorageService::openFile(const StorageReadRequest& request, Opened
 }
 
 StorageResult StorageService::write(const StorageWriteRequest& request) {
-    if (auto refused = refuseAccess(request.tenant_id)) return *refused;
+    if (auto refused = refuseAccess(request.tenant_id, {request.path})) return *refused;
     if (!isValidContentType(request.content_type)) {
         return StorageResult::failure(ErrorKind::Invalid,
                                       "Invalid content type: " + request.content_type);
@@ -187,19 +197,19 @@ StorageResult StorageService::write(const StorageWriteRequest& request) {
 }
 
 StorageResult StorageService::list(const StorageListRequest& request) {
-    if (auto refused = refuseAccess(request.tenant_id)) return *refused;
+    if (auto refused = refuseAccess(request.tenant_id, {request.path})) return *refused;
     return backend_->list(request.tenant_id, request.path, request.recursive, request.pattern,
                           request.limit, request.offset);
 }
 
 StorageResult StorageService::stat(const std::string& tenant, const std::string& path) {
-    if (auto refused = refuseAccess(tenant)) return *refused;
+    if (auto refused = refuseAccess(tenant, {path})) return *refused;
     return backend_->stat(tenant, path);
 }
 
 StorageResult StorageService::remove(const std::string& tenant, const std::string& path,
                                      bool recursive) {
-    if (auto refused = refuseAccess(tenant)) return *refused;
+    if (auto refused = refuseAccess(tenant, {path})) return *refused;
     StorageResult result = backend_->remove(tenant, path, recursive);
     if (result.success) {
         total_deletes_.fetch_add(1);
@@ -209,7 +219,7 @@ StorageResult StorageService::remove(const std::string& tenant, const std::strin
 }
 
 StorageResult StorageService::mkdir(const std::string& tenant, const std::string& path) {
-    if (auto refused = refuseAccess(tenant)) return *refused;
+    if (auto refused = refuseAccess(tenant, {path})) return *refused;
     StorageResult result = backend_->mkdir(tenant, path);
     if (result.success) notifySubscribers(tenant, sanitizePath(path), "mkdir");
     return result;
@@ -217,7 +227,7 @@ StorageResult StorageService::mkdir(const std::string& tenant, const std::string
 
 StorageResult StorageService::move(const std::string& tenant, const std::string& from,
                                    const std::string& to) {
-    if (auto refused = refuseAccess(tenant)) return *refused;
+    if (auto refused = refuseAccess(tenant, {from, to})) return *refused;
     StorageResult result = backend_->move(tenant, from, to);
     if (result.success) notifySubscribers(tenant, sanitizePath(to), "move");
     return result;
@@ -225,7 +235,7 @@ StorageResult StorageService::move(const std::string& tenant, const std::string&
 
 StorageResult StorageService::copy(const std::string& tenant, const std::string& from,
                                    const std::string& to) {
-    if (auto refused = refuseAccess(tenant)) return *refused;
+    if (auto refused = refuseAccess(tenant, {from, to})) return *refused;
     // A source that cannot be found adds nothing; the copy itself reports it.
     const StorageResult source = backend_->stat(tenant, from);
     if (source.kind == ErrorKind::Refused) return source;
@@ -312,35 +322,58 @@ Status StorageService::insertTenant(const TenantConfig& tenant) {
     return Status::success();
 }
 
+// Each change holds persist_mutex_ from the change to the save, so that a
+// failed save can be undone without undoing anybody else's change.
 Status StorageService::tryCreateTenant(const TenantConfig& tenant) {
+    std::lock_guard persist(persist_mutex_);
     if (Status inserted = insertTenant(tenant); !inserted) return inserted;
+    if (Status saved = saveTenantsLocked(); !saved) {
+        std::lock_guard lock(tenants_mutex_);
+        tenants_.erase(tenant.id);
+        return saved;
+    }
     if (backend_ && !backend_->createTenantDirectory(tenant.id))
         kLog.error("Cannot create the directory of tenant: ", tenant.id);
-    saveTenantsToMetadata();
     kLog.info("Created tenant: ", tenant.id);
     return Status::success();
 }
 
 Status StorageService::tryUpdateTenant(const TenantConfig& tenant) {
+    std::lock_guard persist(persist_mutex_);
+    TenantConfig before;
     {
         std::lock_guard lock(tenants_mutex_);
         auto it = tenants_.find(tenant.id);
         if (it == tenants_.end())
             return Status::failure(ErrorKind::NotFound, std::string(kTenantNotFound) + tenant.id);
-        it->second = tenant;
+        before = std::exchange(it->second, tenant);
     }
-    saveTenantsToMetadata();
+    if (Status saved = saveTenantsLocked(); !saved) {
+        std::lock_guard lock(tenants_mutex_);
+        tenants_[tenant.id] = std::move(before);
+        return saved;
+    }
     return Status::success();
 }
 
 Status StorageService::tryDeleteTenant(const std::string& id, bool force) {
+    std::lock_guard persist(persist_mutex_);
+    TenantConfig removed;
     {
         std::lock_guard lock(tenants_mutex_);
-        if (tenants_.erase(id) == 0)
+        auto it = tenants_.find(id);
+        if (it == tenants_.end())
             return Status::failure(ErrorKind::NotFound, std::string(kTenantNotFound) + id);
+        removed = std::move(it->second);
+        tenants_.erase(it);
     }
+    if (Status saved = saveTenantsLocked(); !saved) {
+        std::lock_guard lock(tenants_mutex_);
+        tenants_.emplace(id, std::move(removed));
+        return saved;
+    }
+    // Files go only once the tenant is gone for good.
     if (force && backend_) backend_->deleteTenantDirectory(id);
-    saveTenantsToMetadata();
     kLog.info("Deleted tenant: ", id);
     return Status::success();
 }
@@ -375,11 +408,13 @@ std::string StorageService::tenantsFile() const {
 }
 
 void StorageService::saveTenantsToMetadata() {
-    const std::string file = tenantsFile();
-    if (file.empty()) return;
-    // Serialised and snapshot inside the lock, so the last file written always
-    // holds the latest table.
     std::lock_guard persist(persist_mutex_);
+    if (Status saved = saveTenantsLocked(); !saved) kLog.error(saved.message);
+}
+
+Status StorageService::saveTenantsLocked() {
+    const std::string file = tenantsFile();
+    if (file.empty()) return Status::success();
     nlohmann::json table = nlohmann::json::array();
     for (const TenantConfig& tenant : listTenants()) {
         nlohmann::json object = tenant.toJson();
@@ -388,12 +423,12 @@ void StorageService::saveTenantsToMetadata() {
         object.erase("storage_quota_gb");
         table.push_back(std::move(object));
     }
-
     // Without api_keys, so the table may be readable by all.
     const std::string text =
         table.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
-    if (const vostra::Status saved = vostra::writeFileAtomically(file, text, 0644); !saved)
-        kLog.error("Error saving tenants: ", saved.message);
+    if (Status saved = vostra::writeFileAtomically(file, text, 0644); !saved)
+        return Status::failure(ErrorKind::Internal, "Failed to save tenants: " + saved.message);
+    return Status::success();
 }
 
 void StorageService::loadTenantsFromDisk() {

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -120,6 +121,11 @@ public:
     // The figures as JSON, with the backend's name.
     nlohmann::json getMetrics() const;
 
+    // A path whose last component no client may use: the backend's sidecars
+    // (".meta") and new versions being written. Operations on one fail with
+    // "Reserved file name: " + path (Invalid).
+    static bool isReservedPath(std::string_view path);
+
     // Why `id` cannot name a tenant (it names a directory under the storage
     // root, so it must pass vostra::fileNameProblem), or empty when it can.
     static std::string tenantIdProblem(std::string_view id);
@@ -128,7 +134,9 @@ public:
     // tenantIdProblem's message) or an existing one (Conflict);
     // tryUpdateTenant replaces the whole record of an existing id (else
     // NotFound). tryDeleteTenant keeps the tenant's files unless `force`
-    // (NotFound for an unknown id). Each change rewrites the persisted table.
+    // (NotFound for an unknown id). Each change rewrites the persisted table;
+    // when that fails the change is undone and the failure (Internal,
+    // "Failed to save tenants: " + why) returned, so memory and disk agree.
     // The bool forms say only whether the change was made.
     Status tryCreateTenant(const TenantConfig& tenant);
     Status tryUpdateTenant(const TenantConfig& tenant);
@@ -170,13 +178,17 @@ private:
     };
 
     // The failed result every file operation starts from, or nothing when
-    // the tenant may proceed.
-    std::optional<StorageResult> refuseAccess(const std::string& tenant) const;
+    // the tenant may proceed with `paths`.
+    std::optional<StorageResult> refuseAccess(const std::string& tenant,
+                                              std::initializer_list<std::string_view> paths) const;
     std::optional<StorageResult> refuseQuota(const std::string& tenant,
                                              int64_t additional_bytes) const;
     // Inserts without persisting; fails for an unusable or existing id.
     Status insertTenant(const TenantConfig& tenant);
     std::string tenantsFile() const;
+    // saveTenantsToMetadata with persist_mutex_ held by the caller; the
+    // failure (Internal) says why.
+    Status saveTenantsLocked();
     StorageResult storeJson(const std::string& tenant, const std::string& path,
                             const nlohmann::json& document);
     void notifySubscribers(const std::string& tenant, const std::string& path,

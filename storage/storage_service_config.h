@@ -31,6 +31,10 @@ struct StorageNfsExport {
 struct StorageServiceConfig {
     StorageBackendType backend_type = StorageBackendType::Filesystem;
     std::string base_path = "/var/lib/vostra/storage";  // filesystem backend root
+    // Each stored file and its sidecar are flushed to disk before they
+    // replace the old ones. Off trades power-loss durability for speed; a
+    // crash of the daemon alone still leaves the old or the new file.
+    bool fsync = true;
 
     std::string s3_endpoint;
     std::string s3_bucket;

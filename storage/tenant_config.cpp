@@ -22,7 +22,23 @@ int64_t gibToBytes(int64_t gib) {
 
 TenantConfig TenantConfig::fromJson(const nlohmann::json& json) {
     TenantConfig t;
-    if (!json.is_object()) return t;
+    t.merge(json);
+    return t;
+}
+
+TenantConfig TenantConfig::usableDefaults() {
+    TenantConfig t;
+    t.storage_quota_bytes = 50 * kGiB;
+    t.retention_days = 30;
+    t.nfs_access = true;
+    t.api_access = true;
+    t.enabled = true;
+    return t;
+}
+
+void TenantConfig::merge(const nlohmann::json& json) {
+    TenantConfig& t = *this;
+    if (!json.is_object()) return;
     readField(json, "id", t.id);
     readField(json, "name", t.name);
     readField(json, "description", t.description);
@@ -40,7 +56,6 @@ TenantConfig TenantConfig::fromJson(const nlohmann::json& json) {
     readField(json, "db_access", t.db_access);
     readField(json, "vector_collections", t.vector_collections);
     readField(json, "enabled", t.enabled);
-    return t;
 }
 
 nlohmann::json TenantConfig::toJson() const {

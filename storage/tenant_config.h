@@ -28,6 +28,13 @@ struct TenantConfig {
     // "storage_quota_gb" (whole GiB) wins over "storage_quota_bytes". A present
     // key of the wrong JSON type throws nlohmann::json::type_error.
     static TenantConfig fromJson(const nlohmann::json& json);
+    // As fromJson, but onto this record: absent keys keep its values.
+    void merge(const nlohmann::json& json);
+
+    // The record a tenant made over the API starts from: usable at once, as
+    // the built-in "default" tenant is (enabled, API and NFS access, 50 GiB,
+    // 30 days' retention), with no id or name.
+    static TenantConfig usableDefaults();
 
     // Every key fromJson reads except "api_keys", which is deliberately left
     // out so that keys never reach an API answer or the persisted table.

@@ -50,7 +50,12 @@ TEST_P(TenantRoutes, TenantRoutesCreateReadReplaceAndDelete) {
         "updated");
     const json replaced = call("GET", "/api/v1/tenants/acme").json();
     EXPECT_EQ(replaced["name"], "n");
-    EXPECT_EQ(replaced["api_access"], false);  // replaced whole, not merged
+    // Replaced whole, not merged: the 1 MiB quota is gone, and what the body
+    // left out takes the values of a usable tenant.
+    EXPECT_EQ(replaced["storage_quota_gb"], 50);
+    EXPECT_EQ(replaced["api_access"], true);
+    EXPECT_EQ(call("PUT", "/api/v1/tenants/acme", "[1]").outcome(),
+              "400 Request body must be a JSON object");
     EXPECT_EQ(call("PUT", "/api/v1/tenants/ghost", "{}").status, 404);
 
     ASSERT_EQ(call("PUT", kFiles + "beta/f.txt", "12345").status, 201);
@@ -59,6 +64,60 @@ TEST_P(TenantRoutes, TenantRoutesCreateReadReplaceAndDelete) {
     EXPECT_GE(usage["storage_used_bytes"].get<int64_t>(), 5);
     EXPECT_EQ(call("DELETE", "/api/v1/tenants/beta").json()["status"], "deleted");
     EXPECT_EQ(call("DELETE", "/api/v1/tenants/beta").status, 404);
+}
+
+TEST_P(TenantRoutes, ATenantMadeWithAnIdAloneIsUsableAtOnce) {
+    ASSERT_EQ(call("POST", "/api/v1/tenants", R"({"id":"bare","name":"Bare"})").status, 201);
+    const json bare = call("GET", "/api/v1/tenants/bare").json();
+    EXPECT_EQ(bare["enabled"], true);
+    EXPECT_EQ(bare["api_access"], true);
+    EXPECT_EQ(bare["nfs_access"], true);
+    EXPECT_EQ(bare["storage_quota_gb"], 50);
+    EXPECT_EQ(bare["retention_days"], 30);
+    EXPECT_EQ(call("PUT", kFiles + "bare/a.txt", "x").status, 201);
+    EXPECT_EQ(call("POST", "/api/v1/tenants", R"("bare")").outcome(),
+              "400 Request body must be a JSON object");
+}
+
+TEST_P(TenantRoutes, SidecarAndTemporaryNamesAreReservedForTheBackend) {
+    ASSERT_EQ(call("PUT", kFiles + "acme/a.json", R"({"data":"{}","content_type":"application/json"})")
+                  .status,
+              201);
+    for (const std::string path : {"a.json.meta", "dir/x.meta", "a.json.meta/", ".a.json.123456.vostra-part"}) {
+        EXPECT_EQ(call("PUT", kFiles + "acme/" + path, R"({"content_type":"text/html"})").outcome(),
+                  "400 Reserved file name: " + path)
+            << path;
+        EXPECT_EQ(call("GET", kFiles + "acme/" + path).status, 400) << path;
+        EXPECT_EQ(call("DELETE", kFiles + "acme/" + path).status, 400) << path;
+    }
+    EXPECT_EQ(call("GET", kFiles + "acme/a.json").head.find("Content-Type: application/json"), 17u);
+    EXPECT_EQ(call("PUT", kFiles + "acme/metadata.txt", "fine").status, 201);
+}
+
+TEST_P(TenantRoutes, BinaryFilesTravelAsBase64) {
+    std::string png("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\xff\x00\x7f", 19);
+    const std::string encoded = "iVBORw0KGgoAAAANSUhEUv8Afw==";
+    ASSERT_EQ(call("PUT", kFiles + "acme/i.png",
+                   json{{"data", encoded}, {"encoding", "base64"}, {"content_type", "image/png"}}.dump())
+                  .status,
+              201);
+    const HttpResponse back = call("GET", kFiles + "acme/i.png");
+    EXPECT_EQ(back.body, png);
+    EXPECT_NE(back.head.find("Content-Type: image/png"), std::string::npos);
+    EXPECT_EQ(call("PUT", kFiles + "acme/j.png", json{{"data", "!!"}, {"encoding", "base64"}}.dump())
+                  .outcome(),
+              "400 Invalid base64 in \"data\"");
+    EXPECT_EQ(call("PUT", kFiles + "acme/j.png", json{{"data", "AA=="}, {"encoding", "rot13"}}.dump())
+                  .status,
+              400);
+}
+
+TEST_P(TenantRoutes, AFolderDeletedAndRefilledIsListedAgain) {
+    ASSERT_EQ(call("PUT", kFiles + "acme/rd/old.txt", "1").status, 201);
+    ASSERT_EQ(call("DELETE", kFiles + "acme/").status, 200);
+    ASSERT_EQ(call("PUT", kFiles + "acme/rd/new.txt", "2").status, 201);
+    EXPECT_EQ(call("GET", kFiles + "acme/").status, 200);
+    EXPECT_EQ(call("GET", kFiles + "acme/rd/").json()["entries"][0]["name"], "new.txt");
 }
 
 TEST_P(TenantRoutes, MethodsAndSubPathsOutsideTheTableGet404Or405) {
