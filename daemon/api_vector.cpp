@@ -34,6 +34,10 @@ constexpr int32_t kDefaultTextSearchLimit = 10;
 
 // Searches fail with 500 unless the request itself was at fault.
 constexpr KindStatus kSearchStatuses[] = {{ErrorKind::Invalid, 400}};
+constexpr KindStatus kNamespaceStatuses[] = {
+    {ErrorKind::NotFound, 404},
+    {ErrorKind::Internal, 500},
+};
 
 // The body as a JSON object holding `key`; otherwise answers 400 (for a
 // missing key "Missing '<key>' field") and yields nothing.
@@ -90,9 +94,10 @@ void listNamespaces(VectorStorageService& service, const HttpRequest& request,
 
 void createNamespaceIn(VectorStorageService& service, const HttpRequest& request,
                        const std::string& tenant, const std::string& ns, const json& body) {
-    if (!service.createNamespace(tenant, ns, field(body, "name", std::string()),
-                                 field(body, "description", std::string()))) {
-        sendError(request.fd, 400, "Failed to create namespace");
+    if (const Status created = service.tryCreateNamespace(
+            tenant, ns, field(body, "name", std::string()), field(body, "description", std::string()));
+        !created) {
+        sendError(request.fd, statusFor(kNamespaceStatuses, created.kind, 400), created.message);
         return;
     }
     json answer = {{"status", "created"}};
@@ -128,10 +133,12 @@ void getNamespace(VectorStorageService& service, const HttpRequest& request,
 
 void deleteNamespace(VectorStorageService& service, const HttpRequest& request,
                      const RouteParams& params) {
-    if (service.deleteNamespace(param(params, "tenant"), param(params, "namespace")))
-        sendJson(request.fd, 200, {{"status", "deleted"}});
+    if (const Status deleted =
+            service.tryDeleteNamespace(param(params, "tenant"), param(params, "namespace"));
+        !deleted)
+        sendError(request.fd, statusFor(kNamespaceStatuses, deleted.kind, 400), deleted.message);
     else
-        sendError(request.fd, 404, kNamespaceNotFound);
+        sendJson(request.fd, 200, {{"status", "deleted"}});
 }
 
 void getDocument(VectorStorageService& service, const HttpRequest& request,
@@ -212,11 +219,8 @@ void textSearch(VectorStorageService& service, const HttpRequest& request, const
     const auto parsed = readJsonObject(request);
     if (!parsed) return;
     const json& body = *parsed;
+    // No query matches every document, up to the limit.
     const std::string query = field(body, "query", std::string());
-    if (query.empty()) {
-        sendError(request.fd, 400, "Missing 'query' field");
-        return;
-    }
     sendSearch(request.fd, service.textSearch(tenantFrom(body),
                                               field(body, "namespace_id", std::string("default")),
                                               query, field(body, "limit", kDefaultTextSearchLimit),
@@ -335,7 +339,7 @@ void DataDaemon::getVectorConfig(const HttpRequest& request, const RouteParams&)
     std::lock_guard lock(vector_config_mutex_);
     const VectorStorageConfig settings = vector_.with(
         [](VectorStorageService& service) { return service.getConfig(); }, *vector_config_);
-    sendJson(request.fd, 200, settings.toJson());
+    sendJson(request.fd, 200, VectorStorageService::publicJson(settings));
 }
 
 void DataDaemon::putVectorConfig(const HttpRequest& request, const RouteParams&) {
@@ -394,7 +398,7 @@ void DataDaemon::putVectorConfig(const HttpRequest& request, const RouteParams&)
         sendError(fd, 500, kUpdateFailed);
         return;
     }
-    answer["config"] = change.config.toJson();
+    answer["config"] = VectorStorageService::publicJson(change.config);
     sendJson(fd, 200, answer);
 }
 

@@ -23,7 +23,10 @@ constexpr const char* kSchema =
     " total_chunks INTEGER );"
     " CREATE INDEX IF NOT EXISTS idx_source ON vectors(source);"
     " CREATE INDEX IF NOT EXISTS idx_namespace ON vectors(namespace_id);"
-    " CREATE INDEX IF NOT EXISTS idx_created ON vectors(created_at);";
+    " CREATE INDEX IF NOT EXISTS idx_created ON vectors(created_at);"
+    // Whose namespace this file is: ids joined into a file name can collide
+    // ("a_b"/"c" and "a"/"b_c"), and the file must never serve the other.
+    " CREATE TABLE IF NOT EXISTS owner (tenant_id TEXT NOT NULL, namespace_id TEXT NOT NULL);";
 
 // Whole statements rather than pieces joined at run time: the column order
 // is what readDocument expects.
@@ -138,8 +141,24 @@ bool SQLiteVectorBackend::execute(const char* sql, const char* what) {
     return false;
 }
 
-bool SQLiteVectorBackend::initialize(const std::string& path, const std::string&,
-                                     const std::string&, int32_t) {
+std::optional<std::pair<std::string, std::string>> SQLiteVectorBackend::readOwner(
+    const std::string& path) {
+    sqlite3* db = nullptr;
+    std::optional<std::pair<std::string, std::string>> owner;
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+        sqlite3_stmt* select = nullptr;
+        if (sqlite3_prepare_v2(db, "SELECT tenant_id, namespace_id FROM owner LIMIT 1", -1,
+                               &select, nullptr) == SQLITE_OK &&
+            sqlite3_step(select) == SQLITE_ROW)
+            owner.emplace(columnText(select, 0), columnText(select, 1));
+        sqlite3_finalize(select);
+    }
+    sqlite3_close(db);
+    return owner;
+}
+
+bool SQLiteVectorBackend::initialize(const std::string& path, const std::string& tenant_id,
+                                     const std::string& namespace_id, int32_t) {
     std::lock_guard lock(mutex_);
     if (db_) sqlite3_close(db_);
     db_ = nullptr;
@@ -153,12 +172,31 @@ bool SQLiteVectorBackend::initialize(const std::string& path, const std::string&
     db_ = db;
     // Another process (a backup, the sqlite3 shell) may hold the file briefly.
     sqlite3_busy_timeout(db_, 5000);
-    if (!execute(kSchema, "Failed to create table: ")) {
+    if (!execute(kSchema, "Failed to create table: ") || !claim(tenant_id, namespace_id)) {
         sqlite3_close(db_);
         db_ = nullptr;
         return false;
     }
     return true;
+}
+
+bool SQLiteVectorBackend::claim(const std::string& tenant_id, const std::string& namespace_id) {
+    Statement select(db_, "SELECT tenant_id, namespace_id FROM owner LIMIT 1");
+    if (!select) return false;
+    if (sqlite3_step(select.get()) == SQLITE_ROW) {
+        const std::string tenant = columnText(select.get(), 0);
+        const std::string ns = columnText(select.get(), 1);
+        if (tenant == tenant_id && ns == namespace_id) return true;
+        kLog.error("Database file belongs to ", tenant, "/", ns, ", not ", tenant_id, "/",
+                   namespace_id);
+        return false;
+    }
+    // A file from before owners were recorded is claimed by its first opener.
+    Statement insert(db_, "INSERT INTO owner (tenant_id, namespace_id) VALUES (?, ?)");
+    if (!insert) return false;
+    insert.bindText(1, tenant_id);
+    insert.bindText(2, namespace_id);
+    return sqlite3_step(insert.get()) == SQLITE_DONE;
 }
 
 bool SQLiteVectorBackend::add(const std::vector<VectorDocument>& documents) {
@@ -331,8 +369,8 @@ std::vector<VectorSearchResult> SQLiteVectorBackend::textSearch(const std::strin
                                                                 int32_t limit,
                                                                 const std::string& field) {
     std::lock_guard lock(mutex_);
-    // A negative LIMIT would mean "no limit" to SQLite.
-    if (!db_ || limit < 1) return {};
+    // A negative limit is SQLite's own "no limit".
+    if (!db_) return {};
     if (!field.empty() && !isUsableMetadataKey(field)) {
         kLog.error("Invalid text search field: ", field);
         return {};

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <string_view>
 #include <vector>
 
@@ -35,10 +36,15 @@ public:
     // letters, digits, "_", "-" and "." only, at least one. Keys are bound
     // into a JSON path, so this keeps every key a plain path, never syntax.
     static bool isUsableMetadataKey(std::string_view key);
+    // The (tenant, namespace) recorded in the file at `path`; nothing when
+    // it cannot be read or records none.
+    static std::optional<std::pair<std::string, std::string>> readOwner(const std::string& path);
 
     // Opens (creating if missing) the file at `path` and creates the table
-    // and its indexes when absent. False, with the SQLite message printed,
-    // when the file cannot be opened or the schema cannot be executed.
+    // and its indexes when absent, and records (tenant_id, namespace_id) as
+    // the file's owner when none is. False, with the reason printed, when
+    // the file cannot be opened, the schema cannot be executed, or the file
+    // belongs to another tenant and namespace.
     bool initialize(const std::string& path, const std::string& tenant_id,
                     const std::string& namespace_id, int32_t dimension) override;
     // All documents or none, in one transaction.
@@ -53,7 +59,7 @@ public:
     std::size_t removeBySource(const std::string& source) override;
     std::size_t count() override;
     std::vector<std::string> listSources() override;
-    // Up to `limit` documents (none below 1) whose content or metadata text
+    // Up to `limit` documents (all for a negative limit) whose content or metadata text
     // contains `query`, ASCII case ignored; with a `field`, only that
     // metadata value is searched. "%" and "_" in `query` are wildcards.
     // Results carry score 1 and no vector.
@@ -64,6 +70,8 @@ public:
     void flush() override {}
 
 private:
+    // Records the owner of a new file, or checks that of an old one.
+    bool claim(const std::string& tenant_id, const std::string& namespace_id);
     // Runs a statement without results; prints `what` and the message on failure.
     bool execute(const char* sql, const char* what);
     std::optional<VectorDocument> fetchRow(int64_t rowid);

@@ -14,6 +14,7 @@ nlohmann::json VectorAddResponse::toJson() const {
                           {"document_ids", std::move(ids)},
                           {"documents_added", documents_added},
                           {"embeddings_generated", embeddings_generated},
+                          {"zero_vector_chunks", zero_vector_chunks},
                           {"time_ms", time_ms}};
     if (!success) out["error"] = error;
     return out;

@@ -1,6 +1,8 @@
 #include "vector/vector_storage_service.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -54,14 +56,23 @@ std::optional<std::string> readFile(const std::string& path) {
     return text.str();
 }
 
-// Settings and the namespace table hold no secrets: readable by all, as the
-// databases beside them.
-constexpr mode_t kStateFileMode = 0644;
+// The namespace table holds no secrets: readable by all, as the databases
+// beside it.
+constexpr mode_t kPublicFileMode = 0644;
+constexpr const char* kNamespaceNotFound = "Namespace not found";
 
-bool saveStateFile(const std::string& path, const std::string& text) {
-    const vostra::Status saved = vostra::writeFileAtomically(path, text, kStateFileMode);
+bool saveStateFile(const std::string& path, const std::string& text, mode_t mode) {
+    const vostra::Status saved = vostra::writeFileAtomically(path, text, mode);
     if (!saved) kLog.error(saved.message);
     return saved.ok();
+}
+
+bool allFinite(const std::vector<float>& values) {
+    return std::all_of(values.begin(), values.end(), [](float v) { return std::isfinite(v); });
+}
+
+bool allZero(const std::vector<float>& values) {
+    return std::all_of(values.begin(), values.end(), [](float v) { return v == 0.0f; });
 }
 
 std::string dumpJson(const nlohmann::json& json) {
@@ -143,13 +154,25 @@ VectorStorageConfig VectorStorageService::startupConfig(const std::string& vecto
     return config;
 }
 
+nlohmann::json VectorStorageService::publicJson(const VectorStorageConfig& config) {
+    nlohmann::json out = config.toJson();
+    if (!config.embedding.api_key.empty()) out["embedding"]["api_key"] = kMaskedSecret;
+    return out;
+}
+
 VectorStorageService::ConfigChange VectorStorageService::planConfigChange(
     const VectorStorageConfig& current, bool running, const std::string& body) {
     using Action = ConfigChange::Action;
     ConfigChange change;
     change.config = current;
     try {
-        change.config.merge(nlohmann::json::parse(body));
+        nlohmann::json changes = nlohmann::json::parse(body);
+        // The mask an answer showed in place of the key means "keep it".
+        if (changes.is_object() && changes.contains("embedding") &&
+            changes["embedding"].is_object() &&
+            changes["embedding"].value("api_key", nlohmann::json()) == kMaskedSecret)
+            changes["embedding"].erase("api_key");
+        change.config.merge(changes);
     } catch (const nlohmann::json::exception& error) {
         change.error = error.what();
         return change;
@@ -192,7 +215,8 @@ bool VectorStorageService::saveConfigFile(const VectorStorageConfig& config) {
         kLog.error("Failed to create storage path: ", error.message());
         return false;
     }
-    return saveStateFile(config.storage_path + kConfigFile, dumpJson(config.toJson()));
+    // 0600: the embedding service's api_key is in it.
+    return saveStateFile(config.storage_path + kConfigFile, dumpJson(config.toJson()), 0600);
 }
 
 VectorStorageConfig VectorStorageService::getConfig() const {
@@ -284,71 +308,137 @@ std::shared_ptr<IVectorBackend> VectorStorageService::createBackend(const std::s
 
 std::shared_ptr<IVectorBackend> VectorStorageService::getOrCreateBackend(const std::string& tenant,
                                                                          const std::string& ns) {
-    if (!initialized_.load() || !idProblem(tenant).empty() || !idProblem(ns).empty())
+    Status ignored;
+    return openBackend(tenant, ns, /*record=*/false, ignored);
+}
+
+std::shared_ptr<IVectorBackend> VectorStorageService::openBackend(const std::string& tenant,
+                                                                  const std::string& ns, bool record,
+                                                                  Status& why) {
+    if (!initialized_.load() || !idProblem(tenant).empty() || !idProblem(ns).empty()) {
+        why = Status::failure(ErrorKind::NotFound, kNamespaceNotFound);
         return nullptr;
+    }
     const std::string key = getBackendKey(tenant, ns);
     std::lock_guard lock(mutex_);
     if (auto it = backends_.find(key); it != backends_.end()) return it->second;
     if (!getConfig().usesMemoryBackend()) {
-        // "a_b"/"c" and "a"/"b_c" would share one file, and each other's documents.
-        const std::string owner = fileOwnerLocked(key, databasePath(tenant, ns));
+        // "a_b"/"c" and "a"/"b_c" would share one file, and each other's
+        // documents: the namespaces known now, and the owner the file records
+        // (which outlives a restart), both keep it to one of them.
+        const std::string path = databasePath(tenant, ns);
+        std::string owner = fileOwnerLocked(key, path);
+        if (owner.empty()) {
+            if (auto recorded = SQLiteVectorBackend::readOwner(path);
+                recorded && (recorded->first != tenant || recorded->second != ns))
+                owner = getBackendKey(recorded->first, recorded->second);
+        }
         if (!owner.empty()) {
-            kLog.error("Refusing ", key, ": its database file belongs to ", owner);
+            why = Status::failure(ErrorKind::Conflict,
+                                  "Namespace " + key + " clashes with " + owner +
+                                      ": both would use the file " +
+                                      fs::path(path).filename().string());
+            kLog.error(why.message);
             return nullptr;
         }
     }
     std::shared_ptr<IVectorBackend> backend = createBackend(tenant, ns);
-    if (backend) backends_[key] = backend;
+    if (!backend) {
+        why = Status::failure(ErrorKind::NotFound, kNamespaceNotFound);
+        return nullptr;
+    }
+    backends_[key] = backend;
+    // A namespace made by its first add is recorded like a created one, so
+    // the clash check and the listings know it after a restart too.
+    if (record && !namespaces_.count(key)) {
+        namespaces_.emplace(key, newRecord(tenant, ns, ns, ""));
+        if (!saveNamespaceMetaLocked()) kLog.error("Namespace ", key, " is not recorded on disk");
+    }
     return backend;
 }
 
-bool VectorStorageService::createNamespace(const std::string& tenant, const std::string& ns,
-                                           const std::string& name,
-                                           const std::string& description) {
-    const std::string key = getBackendKey(tenant, ns);
-    {
-        std::lock_guard lock(mutex_);
-        if (namespaces_.count(key)) return false;
-    }
-    if (!getOrCreateBackend(tenant, ns)) return false;
-
+VectorNamespace VectorStorageService::newRecord(const std::string& tenant, const std::string& ns,
+                                                const std::string& name,
+                                                const std::string& description) const {
     VectorNamespace record;
-    record.id = key;
+    record.id = getBackendKey(tenant, ns);
     record.namespace_id = ns;
     record.tenant_id = tenant;
     record.name = name.empty() ? ns : name;
     record.description = description;
     record.embedding_dim = getConfig().embedding.dimension;
     record.created_at = record.updated_at = nowMs();
+    return record;
+}
+
+Status VectorStorageService::tryCreateNamespace(const std::string& tenant, const std::string& ns,
+                                                const std::string& name,
+                                                const std::string& description) {
+    const std::string key = getBackendKey(tenant, ns);
+    {
+        std::lock_guard lock(mutex_);
+        if (namespaces_.count(key)) return Status::success();
+    }
+    Status why;
+    if (!openBackend(tenant, ns, /*record=*/false, why))
+        return why.kind == ErrorKind::Conflict
+                   ? why
+                   : Status::failure(ErrorKind::Invalid, "Failed to create namespace");
     {
         std::lock_guard lock(mutex_);
         // Two requests may race past the first check; the first one wins.
-        if (!namespaces_.emplace(key, record).second) return false;
-        saveNamespaceMetaLocked();
+        if (!namespaces_.emplace(key, newRecord(tenant, ns, name, description)).second)
+            return Status::success();
+        if (!saveNamespaceMetaLocked()) {
+            namespaces_.erase(key);
+            return Status::failure(ErrorKind::Internal, "Failed to save namespaces");
+        }
     }
     kLog.info("Created namespace: ", key);
-    return true;
+    return Status::success();
 }
 
-bool VectorStorageService::deleteNamespace(const std::string& tenant, const std::string& ns) {
-    if (!initialized_.load() || !idProblem(tenant).empty() || !idProblem(ns).empty()) return false;
+bool VectorStorageService::createNamespace(const std::string& tenant, const std::string& ns,
+                                           const std::string& name,
+                                           const std::string& description) {
+    return tryCreateNamespace(tenant, ns, name, description).ok();
+}
+
+Status VectorStorageService::tryDeleteNamespace(const std::string& tenant, const std::string& ns) {
+    if (!initialized_.load() || !idProblem(tenant).empty() || !idProblem(ns).empty())
+        return Status::failure(ErrorKind::NotFound, kNamespaceNotFound);
     const std::string key = getBackendKey(tenant, ns);
     const bool sqlite = !getConfig().usesMemoryBackend();
     const std::string path = databasePath(tenant, ns);
 
     std::lock_guard lock(mutex_);
-    bool found = backends_.erase(key) > 0;
-    found = namespaces_.erase(key) > 0 || found;
+    std::optional<VectorNamespace> record;
+    if (auto it = namespaces_.find(key); it != namespaces_.end()) {
+        record = std::move(it->second);
+        namespaces_.erase(it);
+        // The table forgets it first: a failed save leaves everything as it was.
+        if (!saveNamespaceMetaLocked()) {
+            namespaces_.emplace(key, std::move(*record));
+            return Status::failure(ErrorKind::Internal, "Failed to save namespaces");
+        }
+    }
+    bool found = backends_.erase(key) > 0 || record.has_value();
     // A file of another namespace with a colliding name is not this one's.
     if (sqlite && fileOwnerLocked(key, path).empty()) {
-        std::error_code ignored;
-        found = fs::remove(path, ignored) || found;
-        fs::remove(path + "-journal", ignored);
+        const auto owner = SQLiteVectorBackend::readOwner(path);
+        if (!owner || (owner->first == tenant && owner->second == ns)) {
+            std::error_code ignored;
+            found = fs::remove(path, ignored) || found;
+            fs::remove(path + "-journal", ignored);
+        }
     }
-    if (!found) return false;
-    saveNamespaceMetaLocked();
+    if (!found) return Status::failure(ErrorKind::NotFound, kNamespaceNotFound);
     kLog.info("Deleted namespace: ", key);
-    return true;
+    return Status::success();
+}
+
+bool VectorStorageService::deleteNamespace(const std::string& tenant, const std::string& ns) {
+    return tryDeleteNamespace(tenant, ns).ok();
 }
 
 void VectorStorageService::refreshCounts(std::vector<VectorNamespace>& records) {
@@ -411,11 +501,12 @@ void VectorStorageService::loadNamespaceMeta() {
     namespaces_ = std::move(loaded);
 }
 
-void VectorStorageService::saveNamespaceMetaLocked() {
+bool VectorStorageService::saveNamespaceMetaLocked() {
     nlohmann::json table = nlohmann::json::array();
     for (const auto& [key, record] : namespaces_)
         table.push_back(record.toJson());
-    saveStateFile(getConfig().storage_path + kNamespacesFile, dumpJson(table));
+    return saveStateFile(getConfig().storage_path + kNamespacesFile, dumpJson(table),
+                         kPublicFileMode);
 }
 
 std::vector<std::string> VectorStorageService::chunkText(const std::string& text) const {
@@ -427,9 +518,15 @@ std::vector<std::string> VectorStorageService::chunkText(const std::string& text
 
 VectorAddResponse VectorStorageService::addDocuments(const VectorAddRequest& request) {
     const auto start = Clock::now();
+    for (const VectorDocument& document : request.documents)
+        if (!allFinite(document.embedding))
+            return VectorAddResponse::failure("Invalid embedding: every value must be a finite number");
+    Status why;
     std::shared_ptr<IVectorBackend> backend =
-        getOrCreateBackend(request.tenant_id, request.namespace_id);
-    if (!backend) return VectorAddResponse::failure("Failed to get vector backend");
+        openBackend(request.tenant_id, request.namespace_id, /*record=*/true, why);
+    if (!backend)
+        return VectorAddResponse::failure(
+            why.kind == ErrorKind::Conflict ? why.message : "Failed to get vector backend");
 
     std::vector<VectorDocument> documents = request.documents;
     const int64_t now = nowMs();
@@ -456,8 +553,12 @@ VectorAddResponse VectorStorageService::addDocuments(const VectorAddRequest& req
         embedding_time_ms_.fetch_add(millisecondsSince(embed_start));
         if (vectors.size() != texts.size())
             return VectorAddResponse::failure("Embedding generation failed");
-        for (std::size_t k = 0; k < to_embed.size(); ++k)
+        for (std::size_t k = 0; k < to_embed.size(); ++k) {
+            // The provider answers zeros when its service failed; the chunk
+            // is kept (text search still finds it) and the caller told.
+            if (allZero(vectors[k])) ++response.zero_vector_chunks;
             documents[to_embed[k]].embedding = std::move(vectors[k]);
+        }
         response.embeddings_generated = static_cast<int64_t>(to_embed.size());
     }
 
@@ -501,11 +602,21 @@ VectorAddResponse VectorStorageService::addText(
     return addDocuments(request);
 }
 
+// A clash is the request's fault; anything else, as ever, "not found".
+VectorSearchResponse VectorStorageService::backendFailure(const Status& why) {
+    return VectorSearchResponse::failure(
+        why.kind == ErrorKind::Conflict ? ErrorKind::Invalid : ErrorKind::Internal, why.message);
+}
+
 VectorSearchResponse VectorStorageService::search(const VectorSearchRequest& request) {
     const auto start = Clock::now();
+    if (!allFinite(request.query_embedding))
+        return VectorSearchResponse::failure(
+            ErrorKind::Invalid, "Invalid query embedding: every value must be a finite number");
+    Status why;
     std::shared_ptr<IVectorBackend> backend =
-        getOrCreateBackend(request.tenant_id, request.namespace_id);
-    if (!backend) return VectorSearchResponse::failure(ErrorKind::Internal, "Namespace not found");
+        openBackend(request.tenant_id, request.namespace_id, /*record=*/false, why);
+    if (!backend) return backendFailure(why);
     if (!getConfig().usesMemoryBackend())
         for (const auto& [key, value] : request.filter)
             if (!SQLiteVectorBackend::isUsableMetadataKey(key))
@@ -541,8 +652,9 @@ VectorSearchResponse VectorStorageService::textSearch(const std::string& tenant,
                                                       const std::string& query, int32_t limit,
                                                       const std::string& field) {
     const auto start = Clock::now();
-    std::shared_ptr<IVectorBackend> backend = getOrCreateBackend(tenant, ns);
-    if (!backend) return VectorSearchResponse::failure(ErrorKind::Internal, "Namespace not found");
+    Status why;
+    std::shared_ptr<IVectorBackend> backend = openBackend(tenant, ns, /*record=*/false, why);
+    if (!backend) return backendFailure(why);
     if (!field.empty() && !getConfig().usesMemoryBackend() &&
         !SQLiteVectorBackend::isUsableMetadataKey(field))
         return VectorSearchResponse::failure(ErrorKind::Invalid, "Invalid field: " + field);

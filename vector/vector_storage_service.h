@@ -26,6 +26,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/status.h"
 #include "vector/vector_add_request.h"
 #include "vector/vector_add_response.h"
 #include "vector/vector_namespace.h"
@@ -81,8 +82,13 @@ public:
     static VectorStorageConfig startupConfig(const std::string& vector_path,
                                              const EmbeddingConfig& embedding, bool enable,
                                              bool& from_file);
+    // What is shown in place of a stored secret, and taken back as "keep it".
+    static constexpr const char* kMaskedSecret = "********";
+    // The settings as answers show them: the embedding api_key masked.
+    static nlohmann::json publicJson(const VectorStorageConfig& config);
     // Merges `body` (a JSON object) into `current` and says what the owner
-    // must do, `running` telling whether a service exists now.
+    // must do, `running` telling whether a service exists now. An api_key
+    // equal to kMaskedSecret keeps the current key.
     static ConfigChange planConfigChange(const VectorStorageConfig& current, bool running,
                                          const std::string& body);
     // The persisted configuration under `storage_path`, if readable.
@@ -115,19 +121,27 @@ public:
     // The open backend of (tenant, namespace), opened or created on first
     // use; null when the ids are unusable, the service is not initialised,
     // the backend cannot start, or its file already belongs to another
-    // tenant's namespace (ids joined with "_" can collide).
+    // tenant's namespace (ids joined with "_" can collide; the file records
+    // its owner, so this holds across restarts).
     std::shared_ptr<IVectorBackend> getOrCreateBackend(const std::string& tenant,
                                                        const std::string& ns);
     // A new backend for (tenant, namespace), initialised but not registered.
     std::shared_ptr<IVectorBackend> createBackend(const std::string& tenant,
                                                   const std::string& ns) const;
 
-    // Records a namespace and saves the table. False for unusable ids, a
-    // backend that cannot start, or a namespace already recorded.
+    // Records a namespace and saves the table; one already recorded is left
+    // as it is (success). Fails with "Failed to create namespace" (Invalid)
+    // for unusable ids or a backend that cannot start, with a message naming
+    // the other namespace (Conflict) when both would use one database file,
+    // and with "Failed to save namespaces" (Internal, nothing changed).
+    Status tryCreateNamespace(const std::string& tenant, const std::string& ns,
+                              const std::string& name, const std::string& description);
     bool createNamespace(const std::string& tenant, const std::string& ns, const std::string& name,
                          const std::string& description);
-    // Drops the backend, its database file and its record. False when none
-    // of them existed.
+    // Drops the backend, its database file and its record. Fails with
+    // "Namespace not found" (NotFound) when none of them existed, and with
+    // "Failed to save namespaces" (Internal, nothing changed).
+    Status tryDeleteNamespace(const std::string& tenant, const std::string& ns);
     bool deleteNamespace(const std::string& tenant, const std::string& ns);
     // Records with their counts brought up to date for open backends.
     std::optional<VectorNamespace> getNamespace(const std::string& tenant, const std::string& ns);
@@ -186,11 +200,21 @@ public:
 
 private:
     std::shared_ptr<IEmbeddingProvider> provider() const;
+    // getOrCreateBackend with the reason for a null answer in `why`
+    // (Conflict for a file that belongs to another namespace, else
+    // NotFound); with `record`, a namespace opened for the first time is
+    // recorded as if created.
+    std::shared_ptr<IVectorBackend> openBackend(const std::string& tenant, const std::string& ns,
+                                                bool record, Status& why);
+    VectorNamespace newRecord(const std::string& tenant, const std::string& ns,
+                              const std::string& name, const std::string& description) const;
+    static VectorSearchResponse backendFailure(const Status& why);
     std::string databasePath(const std::string& tenant, const std::string& ns) const;
     // The key of another namespace whose database would be the same file.
     std::string fileOwnerLocked(const std::string& key, const std::string& path) const;
     void loadNamespaceMeta();
-    void saveNamespaceMetaLocked();
+    // False (printed) when the table could not be written.
+    bool saveNamespaceMetaLocked();
     void refreshCounts(std::vector<VectorNamespace>& records);
 
     std::atomic<bool> initialized_{false};

@@ -1,6 +1,10 @@
 // The vector routes answered in process: the store switched on and off by
 // its settings route, and every request it cannot serve.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
 
 #include "tests/support/in_process_daemon.h"
 
@@ -96,6 +100,60 @@ TEST_F(VectorRoutes, DocumentPathsWithAndWithoutAnIdServeDifferentMethods) {
     EXPECT_EQ(call("GET", "/namespaces", nullptr, {"X-Tenant-Id: t1"}).json()["count"], 1);
     EXPECT_EQ(call("GET", "/namespaces/t1/kb/extra").outcome(), "404 Vector endpoint not found");
     EXPECT_EQ(call("DELETE", "/namespaces/t1").outcome(), "405 Method not allowed");
+}
+
+TEST_F(VectorRoutes, SettingsNeverShowTheApiKeyAndTheMaskKeepsIt) {
+    const json with_key = {{"embedding", {{"type", 1}, {"dimension", 8}, {"api_key", "s3cret"}}}};
+    const HttpResponse put = call("PUT", "/config", with_key);
+    ASSERT_EQ(put.status, 200) << put.body;
+    EXPECT_EQ(put.json()["config"]["embedding"]["api_key"], "********");
+    EXPECT_EQ(call("GET", "/config").json()["embedding"]["api_key"], "********");
+    EXPECT_EQ(put.body.find("s3cret"), std::string::npos);
+
+    // Sending the mask back changes other settings and keeps the key.
+    ASSERT_EQ(call("PUT", "/config", {{"chunk_size", 300}, {"embedding", {{"api_key", "********"}}}})
+                  .status,
+              200);
+    const std::string file = dir_ + "/vectors/vector_config.json";
+    std::ifstream in(file);
+    std::stringstream saved;
+    saved << in.rdbuf();
+    EXPECT_EQ(json::parse(saved.str())["embedding"]["api_key"], "s3cret");
+    struct stat info {};
+    ASSERT_EQ(stat(file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+}
+
+TEST_F(VectorRoutes, NamespacesAreIdempotentAndBadVectorsAreRefused) {
+    enableLocalEmbeddings();
+    ASSERT_EQ(call("POST", "/namespaces/acme/kb", {{"name", "First"}}).status, 201);
+    const HttpResponse again = call("POST", "/namespaces/acme/kb", {{"name", "Second"}});
+    EXPECT_EQ(again.status, 201);
+    EXPECT_EQ(again.json()["namespace"]["name"], "First");
+
+    // JSON has no NaN, but a number too large for a float becomes infinite.
+    const HttpResponse added = daemon_.call("POST", kVector + "/documents/acme/kb",
+                                            R"({"documents":[{"content":"x","embedding":[1,1e39]}]})");
+    EXPECT_EQ(added.outcome(), "400 Invalid embedding: every value must be a finite number");
+    EXPECT_EQ(call("POST", "/search", {{"namespace_id", "kb"}, {"query_embedding", {1e39, 0.0}}},
+                   {"X-Tenant-Id: acme"})
+                  .outcome(),
+              "400 Invalid query embedding: every value must be a finite number");
+}
+
+TEST_F(VectorRoutes, AnIngestSaysHowManyChunksGotNoVector) {
+    // An embedding service that is not there: chunks are stored with zeros.
+    const json settings = {{"enabled", true},
+                           {"embedding", {{"type", 0}, {"url", "http://127.0.0.1:9"}, {"dimension", 4}}}};
+    ASSERT_EQ(call("PUT", "/config", settings).status, 200);
+    const HttpResponse ingested = call(
+        "POST", "/ingest", {{"tenant_id", "acme"}, {"source", "s"}, {"text", "One. Two."}});
+    ASSERT_EQ(ingested.status, 201) << ingested.body;
+    EXPECT_EQ(ingested.json()["zero_vector_chunks"], ingested.json()["embeddings_generated"]);
+    EXPECT_GE(ingested.json()["zero_vector_chunks"].get<int>(), 1);
+    // Text search still finds them, and without a query lists them all.
+    EXPECT_EQ(call("POST", "/text-search", {{"tenant_id", "acme"}}).json()["count"],
+              ingested.json()["documents_added"]);
 }
 
 }  // namespace

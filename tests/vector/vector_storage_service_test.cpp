@@ -128,7 +128,8 @@ TEST_P(VectorService, IdsThatWouldLeaveTheStorePathGetNoBackend) {
 
 TEST_P(VectorService, NamespacesAreRecordedOnceAndDeletedWithTheirData) {
     ASSERT_TRUE(service_->createNamespace("acme", "docs", "Docs", "manuals"));
-    EXPECT_FALSE(service_->createNamespace("acme", "docs", "", ""));
+    // Creating it again succeeds and changes nothing.
+    EXPECT_TRUE(service_->createNamespace("acme", "docs", "Other", ""));
     ASSERT_TRUE(service_->createNamespace("zeta", "docs", "", ""));
     ASSERT_TRUE(service_->addText("acme", "docs", "One. Two.", "a.txt", {}).success);
 
@@ -166,12 +167,34 @@ class SQLiteVectorService : public VectorService {};
 TEST_P(SQLiteVectorService, TenantsWhoseFileNamesCollideAreKeptApart) {
     // "a_b" + "_" + "c" and "a" + "_" + "b_c" name the same file.
     ASSERT_TRUE(service_->createNamespace("a_b", "c", "", ""));
-    EXPECT_FALSE(service_->createNamespace("a", "b_c", "", ""));
-    EXPECT_EQ(service_->addText("a", "b_c", "secret", "s", {}).error,
-              "Failed to get vector backend");
+    const Status clash = service_->tryCreateNamespace("a", "b_c", "", "");
+    EXPECT_EQ(clash.kind, ErrorKind::Conflict);
+    EXPECT_EQ(clash.message, "Namespace a/b_c clashes with a_b/c: both would use the file a_b_c.db");
+    EXPECT_EQ(service_->addText("a", "b_c", "secret", "s", {}).error, clash.message);
     restart();
     EXPECT_FALSE(service_->getOrCreateBackend("a", "b_c"));
     EXPECT_TRUE(service_->getOrCreateBackend("a_b", "c"));
+}
+
+TEST_P(SQLiteVectorService, AnImplicitNamespaceKeepsItsFileAcrossRestartsEvenUnrecorded) {
+    // Made by an add alone, then the table of namespaces lost: the file
+    // itself still says whose it is.
+    ASSERT_TRUE(service_->addText("a_b", "c", "mine", "s", {}).success);
+    EXPECT_TRUE(service_->getNamespace("a_b", "c"));
+    service_->shutdown();
+    fs::remove(config_.storage_path + VectorStorageService::kNamespacesFile);
+    service_ = std::make_unique<VectorStorageService>();
+    ASSERT_TRUE(service_->initialize(config_));
+    EXPECT_EQ(service_->textSearch("a", "b_c", "mine", 10, "").kind, ErrorKind::Invalid);
+    EXPECT_EQ(service_->textSearch("a_b", "c", "mine", 10, "").results.size(), 1u);
+}
+
+TEST_P(SQLiteVectorService, TextSearchWithoutAQueryOrLimitReturnsEverything) {
+    ASSERT_TRUE(service_->addText("acme", "docs", "One. Two. Three.", "s", {}).success);
+    const std::size_t all = service_->textSearch("acme", "docs", "", -1, "").results.size();
+    EXPECT_GE(all, 1u);
+    EXPECT_EQ(all, static_cast<std::size_t>(service_->getNamespace("acme", "docs")->total_chunks));
+    EXPECT_TRUE(service_->textSearch("acme", "docs", "", 0, "").results.empty());
 }
 
 TEST_P(SQLiteVectorService, TextSearchRefusesAFieldThatIsNotAPlainName) {
