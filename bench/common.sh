@@ -71,3 +71,18 @@ CONF
   nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" -g 'daemon off;' &
   pids+=($!)
 }
+
+# start_bench_postgres: the test scripts' private PostgreSQL server (needs
+# scripts/test-servers.sh sourced), stopped when the script ends; its port
+# is $VOSTRA_TEST_PG_PORT. As root the server runs as a system user of its own.
+start_bench_postgres() {
+  servers_dir=$(mktemp -d /tmp/vostra-bench-pg-XXXXXX)
+  chmod 755 "$servers_dir"
+  server_user=$(id -un)
+  if [ "$(id -u)" -eq 0 ]; then
+    id vostra-test >/dev/null 2>&1 || useradd --system --no-create-home --shell /usr/sbin/nologin vostra-test
+    server_user=vostra-test
+  fi
+  trap 'stop_test_servers || true; cleanup' EXIT
+  start_postgres >/dev/null
+}

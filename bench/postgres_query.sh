@@ -10,15 +10,7 @@ duration=${DURATION:-10}
 scale=1   # pgbench_accounts holds 100,000 rows per unit of scale
 
 build_release
-servers_dir=$(mktemp -d /tmp/vostra-bench-pg-XXXXXX)
-chmod 755 "$servers_dir"
-server_user=$(id -un)
-if [ "$(id -u)" -eq 0 ]; then
-  id vostra-test >/dev/null 2>&1 || useradd --system --no-create-home --shell /usr/sbin/nologin vostra-test
-  server_user=vostra-test
-fi
-trap 'stop_test_servers || true; cleanup' EXIT
-start_postgres >/dev/null
+start_bench_postgres
 export PGPASSWORD=vostra
 pgbench -q -i -s "$scale" -h 127.0.0.1 -p "$VOSTRA_TEST_PG_PORT" -U vostra vostra_test >/dev/null 2>&1
 rows=$((scale * 100000))

@@ -1,6 +1,8 @@
 #include "connectors/connection_pool.h"
 
 #include <algorithm>
+#include <exception>
+#include <string>
 #include <utility>
 
 #include "common/log.h"
@@ -13,6 +15,22 @@ constexpr vostra::Log kLog("[ConnectionPool] ");
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+
+// Passwords this short match ordinary words in a message by chance; hiding
+// them would garble the text and protect nothing.
+constexpr std::size_t kShortestRedactedSecret = 4;
+
+// `message` with every occurrence of `secret` masked. Drivers do not quote
+// passwords back, but a message that travels to clients and logs must not
+// depend on that.
+std::string redacted(std::string message, const std::string& secret) {
+    if (secret.size() < kShortestRedactedSecret) return message;
+    for (std::size_t at = message.find(secret); at != std::string::npos;
+         at = message.find(secret, at + 3)) {
+        message.replace(at, secret.size(), "***");
+    }
+    return message;
+}
 
 }  // namespace
 
@@ -27,15 +45,22 @@ ConnectionPool::~ConnectionPool() {
     shutdown();
 }
 
-bool ConnectionPool::initialize() {
+Status ConnectionPool::initialize() {
     std::lock_guard lifecycle(lifecycle_mutex_);
-    if (initialized_) return true;
+    if (initialized_) return Status::success();
+    // Sizes are refused before anything opens: a pool asked for a hundred
+    // thousand connections would take every descriptor the daemon has.
+    if (Status sizes = config_.pool_config.check(); !sizes) {
+        kLog.error("Refusing pool for ", config_.id, ": ", sizes.message);
+        return sizes;
+    }
 
     int32_t opened = 0;
+    std::string reason;
     {
         std::lock_guard lock(mutex_);
         for (int32_t i = 0; i < config_.pool_config.min_connections; ++i) {
-            auto connector = createConnection();
+            auto connector = createConnection(&reason);
             if (!connector) {
                 kLog.error("Failed to create initial connection for ", config_.id);
                 continue;
@@ -48,13 +73,24 @@ bool ConnectionPool::initialize() {
     }
     if (opened == 0) {
         kLog.error("Could not create any connections for ", config_.id);
-        return false;
+        std::string message = "Could not create any connections for " + config_.id;
+        if (!reason.empty()) message += ": " + reason;
+        return Status::failure(ErrorKind::Unavailable, std::move(message));
     }
     running_ = true;
     initialized_ = true;
-    health_thread_ = std::thread(&ConnectionPool::healthCheckLoop, this);
+    try {
+        health_thread_ = std::thread(&ConnectionPool::healthCheckLoop, this);
+    } catch (const std::exception& error) {
+        // Out of threads (or memory for one): refuse the pool, but close
+        // what it opened rather than leaving it behind.
+        kLog.error("Could not start the health check for ", config_.id, ": ", error.what());
+        stopAndClose();
+        return Status::failure(ErrorKind::Internal, "Could not start the health check for " +
+                                                        config_.id + ": " + error.what());
+    }
     kLog.info("Initialized pool '", config_.id, "' with ", opened, " connections");
-    return true;
+    return Status::success();
 }
 
 std::unique_ptr<DataConnector> ConnectionPool::acquire(int timeout_ms) {
@@ -133,10 +169,15 @@ std::unique_ptr<DataConnector> ConnectionPool::acquire(int timeout_ms) {
 
 void ConnectionPool::release(std::unique_ptr<DataConnector> connector) {
     if (!connector) return;
+    // A transaction left open (a BEGIN sent as a statement) would hold its
+    // locks and hide its writes from everyone while the connector rests, and
+    // the next borrower would find itself inside it. Rolled back outside the
+    // lock: it is a round trip.
+    const bool clean = !running_ || connector->rollbackOpenTransaction();
     std::unique_lock lock(mutex_);
     --active_connections_;
     ++total_released_;
-    if (running_) {
+    if (running_ && clean) {
         idle_.push_back(wrap(std::move(connector)));
         // Signalling with nobody waiting still takes the condition's internal
         // lock, which every return would then contend for under load.
@@ -145,12 +186,21 @@ void ConnectionPool::release(std::unique_ptr<DataConnector> connector) {
         if (someone_waits) available_cv_.notify_one();
         return;
     }
+    const bool counted = running_.load();  // a shutdown has already zeroed the count
+    if (counted) --total_connections_;
     lock.unlock();
+    if (counted) kLog.error("Closing a connection of ", config_.id, " stuck in a transaction");
     destroyConnection(std::move(connector));
+    // A slot is free for whoever may open a connection.
+    if (counted) available_cv_.notify_all();
 }
 
 void ConnectionPool::shutdown() {
     std::lock_guard lifecycle(lifecycle_mutex_);
+    stopAndClose();
+}
+
+void ConnectionPool::stopAndClose() {
     {
         // Cleared under the lock so no waiter can test the flag and then
         // miss the wake-up below.
@@ -255,14 +305,18 @@ void ConnectionPool::healthCheckLoop() {
     }
 }
 
-std::unique_ptr<DataConnector> ConnectionPool::createConnection() {
+std::unique_ptr<DataConnector> ConnectionPool::createConnection(std::string* reason) {
     auto connector = make_connector_(config_.type);
     if (!connector) {
         kLog.error("Failed to create connector for type ", static_cast<int32_t>(config_.type));
+        if (reason)
+            *reason = "No connector for type " + std::to_string(static_cast<int32_t>(config_.type));
         return nullptr;
     }
     if (!connector->connect(config_)) {
-        kLog.error("Failed to connect: ", connector->getLastError());
+        const std::string error = redacted(connector->getLastError(), config_.password);
+        kLog.error("Failed to connect: ", error);
+        if (reason) *reason = error;
         return nullptr;
     }
     return connector;

@@ -16,8 +16,10 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 
+#include "common/status.h"
 #include "connectors/data_connector.h"
 #include "connectors/data_source_config.h"
 
@@ -59,11 +61,15 @@ public:
     ConnectionPool(const ConnectionPool&) = delete;
     ConnectionPool& operator=(const ConnectionPool&) = delete;
 
-    // Opens min_connections connections and starts the health-check thread.
-    // True when at least one connection opened (at once if already running);
-    // false otherwise, so a min_connections of 0 always fails: a source must
-    // prove it can connect before it is registered.
-    bool initialize();
+    // Checks the pool sizes (PoolConfig::check), opens min_connections
+    // connections and starts the health-check thread. Succeeds when at least
+    // one connection opened (at once if already running). Fails with the
+    // sizes' reason (Invalid) before opening anything; with the driver's last
+    // reason, password masked, when nothing opened (Unavailable), so a
+    // min_connections of 0 always fails: a source must prove it can connect
+    // before it is registered; or when no thread can be started (Internal).
+    // A failed pool holds no connections and no thread.
+    Status initialize();
 
     // Lends out a connector: an idle one (first in, first out), else a new
     // one while fewer than max_connections exist, else the next one returned
@@ -72,8 +78,10 @@ public:
     // first. nullptr on time-out or when the pool is not running.
     std::unique_ptr<DataConnector> acquire(int timeout_ms = -1);
 
-    // Takes a lent connector back and wakes one waiting acquire(); after
-    // shutdown() the connector is closed instead. nullptr is ignored.
+    // Takes a lent connector back and wakes one waiting acquire(). A
+    // transaction it left open is rolled back first; one that cannot be left,
+    // and every connector after shutdown(), is closed instead. nullptr is
+    // ignored.
     void release(std::unique_ptr<DataConnector> connector);
 
     // Stops the health check, wakes every waiter with nullptr and closes the
@@ -96,8 +104,11 @@ public:
 
 private:
     void healthCheckLoop();
-    // A connected connector, or nullptr with the reason logged.
-    std::unique_ptr<DataConnector> createConnection();
+    // shutdown() for a caller holding lifecycle_mutex_.
+    void stopAndClose();
+    // A connected connector, or nullptr with the reason logged and, when
+    // `reason` is given, stored there.
+    std::unique_ptr<DataConnector> createConnection(std::string* reason = nullptr);
     static bool validateConnection(DataConnector& connector);
     // Disconnects and deletes, counting it in connections_destroyed.
     void destroyConnection(std::unique_ptr<DataConnector> connector);

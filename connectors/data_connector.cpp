@@ -4,6 +4,10 @@
 
 namespace vostra::data {
 
+std::string statementTimedOut(int32_t limit_ms) {
+    return "Statement timed out after " + std::to_string(limit_ms) + " ms";
+}
+
 nlohmann::json DataConnector::getStats() const {
     return {{"type", getName()},
             {"connected", isConnected()},

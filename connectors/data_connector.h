@@ -25,6 +25,10 @@ namespace vostra::data {
 // The failure text of a statement issued without an open connection.
 inline constexpr const char* kNotConnected = "Not connected";
 
+// The failure text of a statement stopped by the source's
+// pool_config.statement_timeout_ms.
+std::string statementTimedOut(int32_t limit_ms);
+
 class DataConnector {
 public:
     virtual ~DataConnector() = default;
@@ -70,6 +74,18 @@ public:
     virtual bool beginTransaction() = 0;
     virtual bool commit() = 0;
     virtual bool rollback() = 0;
+
+    // Whether the database holds a transaction open on this connection,
+    // however it began: through beginTransaction() or a statement such as
+    // BEGIN. False when not connected.
+    virtual bool inTransaction() const { return false; }
+    // Rolls back whatever transaction inTransaction() reports, and undoes
+    // session settings that would open the next one by themselves, so the
+    // next borrower starts clean. True when the connection is outside any
+    // transaction afterwards, or not connected; false when it could not be
+    // brought out of one and should not be lent again. Not counted as a
+    // statement in getStats().
+    virtual bool rollbackOpenTransaction() { return true; }
 
     // Text of the most recent failure; successes leave it unchanged.
     virtual std::string getLastError() const { return last_error_; }

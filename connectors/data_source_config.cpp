@@ -37,6 +37,7 @@ PoolConfig PoolConfig::fromJson(const nlohmann::json& json) {
     readField(json, "max_lifetime_ms", c.max_lifetime_ms);
     readField(json, "validate_on_acquire", c.validate_on_acquire);
     readField(json, "validation_query", c.validation_query);
+    readField(json, "statement_timeout_ms", c.statement_timeout_ms);
     return c;
 }
 
@@ -48,7 +49,26 @@ nlohmann::json PoolConfig::toJson() const {
             {"health_check_interval_ms", health_check_interval_ms},
             {"max_lifetime_ms", max_lifetime_ms},
             {"validate_on_acquire", validate_on_acquire},
-            {"validation_query", validation_query}};
+            {"validation_query", validation_query},
+            {"statement_timeout_ms", statement_timeout_ms}};
+}
+
+Status PoolConfig::check() const {
+    const auto invalid = [](std::string reason) {
+        return Status::failure(ErrorKind::Invalid, std::move(reason));
+    };
+    const std::string limit = std::to_string(kMaxPoolConnections);
+    if (min_connections > kMaxPoolConnections)
+        return invalid("min_connections " + std::to_string(min_connections) +
+                       " is above the limit of " + limit);
+    if (max_connections > kMaxPoolConnections)
+        return invalid("max_connections " + std::to_string(max_connections) +
+                       " is above the limit of " + limit);
+    if (min_connections > max_connections)
+        return invalid("min_connections " + std::to_string(min_connections) +
+                       " is above max_connections " + std::to_string(max_connections));
+    if (statement_timeout_ms < 0) return invalid("statement_timeout_ms must not be negative");
+    return Status::success();
 }
 
 DataSourceConfig DataSourceConfig::fromJson(const nlohmann::json& json) {

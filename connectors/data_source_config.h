@@ -8,9 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "common/status.h"
 #include "connectors/connector_type.h"
 
 namespace vostra::data {
+
+// The most connections one source's pool may be configured to hold, at its
+// minimum or its maximum. Each is a descriptor and often a server process;
+// far fewer already exhaust most servers.
+inline constexpr int32_t kMaxPoolConnections = 1000;
 
 struct PoolConfig {
     int32_t min_connections = 1;
@@ -21,12 +27,17 @@ struct PoolConfig {
     int32_t max_lifetime_ms = 3600000;
     bool validate_on_acquire = true;
     std::string validation_query = "SELECT 1";
+    int32_t statement_timeout_ms = 0;  // 0: statements run as long as they take
 
     // Starts from the defaults and assigns only the keys present. A non-object
     // gives the defaults; a present key of the wrong JSON type throws
     // nlohmann::json::type_error.
     static PoolConfig fromJson(const nlohmann::json& json);
     nlohmann::json toJson() const;
+
+    // Invalid, with the reason, for sizes above kMaxPoolConnections, a
+    // minimum above the maximum, or a negative statement_timeout_ms.
+    Status check() const;
 };
 
 struct DataSourceConfig {

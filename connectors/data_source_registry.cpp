@@ -17,6 +17,7 @@ namespace {
 constexpr vostra::Log kLog("[DataDaemon] ");
 constexpr int kTestTimeoutMs = 5000;
 constexpr int kCatalogTimeoutMs = 30000;
+constexpr const char* kNoId = "Data source id is empty";
 
 // The keys a query and a statement share.
 template <typename Request>
@@ -44,13 +45,15 @@ ExecuteRequest ExecuteRequest::fromJson(const nlohmann::json& json) {
     return r;
 }
 
-void SourceMetrics::recordUse(const std::string* error) {
+void SourceMetrics::recordStatement(const std::string* error) {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     last_used_ns_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
-    if (error) {
-        std::lock_guard lock(error_mutex_);
-        last_error_ = *error;
-    }
+    if (error) recordError(*error);
+}
+
+void SourceMetrics::recordError(const std::string& error) {
+    std::lock_guard lock(error_mutex_);
+    last_error_ = error;
 }
 
 std::chrono::system_clock::time_point SourceMetrics::lastUsed() const {
@@ -70,49 +73,62 @@ DataSourceRegistry::~DataSourceRegistry() {
     clear();
 }
 
-bool DataSourceRegistry::addDataSource(const DataSourceConfig& config) {
+Status DataSourceRegistry::addDataSource(const DataSourceConfig& config) {
     if (config.id.empty()) {
         kLog.error("Refusing a data source without an id");
-        return false;
+        return Status::failure(ErrorKind::Invalid, kNoId);
     }
     if (hasDataSource(config.id)) {
         kLog.error("Data source already exists: ", config.id);
-        return false;
+        return Status::failure(ErrorKind::Conflict, "Data source already exists: " + config.id);
     }
     // Connecting can take the whole connect time-out per connection; doing it
     // under the registry lock would stall every query on every source.
     auto pool = std::make_shared<ConnectionPool>(config);
-    if (!pool->initialize()) {
+    if (Status started = pool->initialize(); !started) {
         kLog.error("Failed to initialize pool for: ", config.id);
-        return false;
+        return started;
     }
     std::lock_guard lock(mutex_);
     if (sources_.count(config.id)) {  // a concurrent add of the same id won
         pool->shutdown();
         kLog.error("Data source already exists: ", config.id);
-        return false;
+        return Status::failure(ErrorKind::Conflict, "Data source already exists: " + config.id);
     }
-    sources_[config.id] = Source{std::make_shared<const DataSourceConfig>(config), std::move(pool),
+    sources_[config.id] = Source{std::make_shared<const DataSourceConfig>(config), pool,
                                  std::make_shared<SourceMetrics>()};
-    dormant_.erase(config.id);
-    save();
+    auto dormant = dormant_.extract(config.id);
+    // A source the file does not hold would be gone after a restart: the
+    // add fails instead, and memory stays as the file has it.
+    if (Status saved = save(); !saved) {
+        sources_.erase(config.id);
+        if (dormant) dormant_.insert(std::move(dormant));
+        pool->shutdown();
+        return saved;
+    }
     kLog.info("Added data source: ", config.id, " (", connectorTypeName(config.type), ")");
-    return true;
+    return Status::success();
+}
+
+Status DataSourceRegistry::tryRemoveDataSource(const std::string& id) {
+    std::lock_guard lock(mutex_);
+    auto dormant = dormant_.extract(id);
+    auto source = sources_.extract(id);
+    if (!source && !dormant)
+        return Status::failure(ErrorKind::NotFound, "Data source not found: " + id);
+    if (Status saved = save(); !saved) {
+        if (dormant) dormant_.insert(std::move(dormant));
+        if (source) sources_.insert(std::move(source));
+        return saved;
+    }
+    if (!source) return Status::failure(ErrorKind::NotFound, "Data source not found: " + id);
+    source.mapped().pool->shutdown();
+    kLog.info("Removed data source: ", id);
+    return Status::success();
 }
 
 bool DataSourceRegistry::removeDataSource(const std::string& id) {
-    std::lock_guard lock(mutex_);
-    const bool was_dormant = dormant_.erase(id) > 0;
-    auto it = sources_.find(id);
-    if (it == sources_.end()) {
-        if (was_dormant) save();
-        return false;
-    }
-    it->second.pool->shutdown();
-    sources_.erase(it);
-    save();
-    kLog.info("Removed data source: ", id);
-    return true;
+    return tryRemoveDataSource(id).ok();
 }
 
 DataSourceStatusInfo DataSourceRegistry::statusOf(const Source& source) {
@@ -217,7 +233,7 @@ QueryResult DataSourceRegistry::failBeforeStatement(std::string error, SourceMet
     counters_.errors.fetch_add(1);
     if (metrics) {
         metrics->errors.fetch_add(1);
-        metrics->recordUse(&error);
+        metrics->recordError(error);  // nothing ran, so last_used stays
     }
     QueryResult result;
     result.error = std::move(error);
@@ -232,10 +248,10 @@ void recordOutcome(SourceMetrics* metrics, const QueryResult& result) {
         metrics->queries.fetch_add(1);
         metrics->total_time_ms.fetch_add(
             static_cast<uint64_t>(std::max<int64_t>(0, result.execution_time_ms)));
-        metrics->recordUse(nullptr);
+        metrics->recordStatement(nullptr);
     } else {
         metrics->errors.fetch_add(1);
-        metrics->recordUse(&result.error);
+        metrics->recordStatement(&result.error);
     }
 }
 
@@ -308,7 +324,7 @@ std::size_t DataSourceRegistry::load() {
     }
     std::lock_guard lock(mutex_);
     loading_ = false;
-    save();
+    (void)save();  // failures are printed; the sources are loaded either way
     return restored;
 }
 
@@ -319,16 +335,19 @@ void DataSourceRegistry::clear() {
     sources_.clear();
 }
 
-void DataSourceRegistry::save() const {
-    if (state_file_.empty() || loading_) return;
+Status DataSourceRegistry::save() const {
+    if (state_file_.empty() || loading_) return Status::success();
     nlohmann::json all = nlohmann::json::array();
     for (const auto& entry : sources_)
         all.push_back(entry.second.config->toJson());
     for (const auto& entry : dormant_)
         all.push_back(entry.second.toJson());
     // 0600: the file holds the sources' passwords.
-    if (const Status saved = writeFileAtomically(state_file_, all.dump(2), 0600); !saved)
+    if (const Status saved = writeFileAtomically(state_file_, all.dump(2), 0600); !saved) {
         kLog.error("Failed to save data sources: ", saved.message);
+        return Status::failure(ErrorKind::Internal, "Failed to save data sources: " + saved.message);
+    }
+    return Status::success();
 }
 
 }  // namespace vostra::data

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "common/status.h"
 #include "connectors/data_source_config.h"
 #include "connectors/data_source_status.h"
 #include "connectors/query_result.h"
@@ -59,8 +60,11 @@ struct SourceMetrics {
     std::atomic<uint64_t> errors{0};   // failed statements and failed borrows
     std::atomic<uint64_t> total_time_ms{0};
 
-    // Stamps the use; `error` (when given) becomes the last error.
-    void recordUse(const std::string* error);
+    // A statement ran: stamps last_used; `error` (when given) becomes the
+    // last error.
+    void recordStatement(const std::string* error);
+    // A request failed before any statement ran: only the last error changes.
+    void recordError(const std::string& error);
     std::chrono::system_clock::time_point lastUsed() const;
     std::string lastError() const;
 
@@ -86,10 +90,18 @@ public:
     DataSourceRegistry(const DataSourceRegistry&) = delete;
     DataSourceRegistry& operator=(const DataSourceRegistry&) = delete;
 
-    // Registers a source once its pool has opened a connection. False when
-    // the id exists (the first registration is untouched) or the pool fails.
-    bool addDataSource(const DataSourceConfig& config);
-    // Shuts the pool down and forgets the source. False for an unknown id.
+    // Registers a source once its pool has opened a connection. Fails with
+    // the reason when the id is empty (Invalid) or exists (Conflict; the
+    // first registration is untouched), or as the pool's initialize() does
+    // (pool sizes, the driver's reason, no thread). Reasons never hold the
+    // password; nothing of a refused source stays behind. With a state
+    // file, a source that cannot be saved is not added (Internal, "Failed
+    // to save data sources: " + why).
+    Status addDataSource(const DataSourceConfig& config);
+    // Shuts the pool down and forgets the source: NotFound for an unknown
+    // id; Internal when the state file cannot be saved (nothing changes).
+    Status tryRemoveDataSource(const std::string& id);
+    // tryRemoveDataSource's success as a bool.
     bool removeDataSource(const std::string& id);
 
     // Status of every source, in id order.
@@ -137,7 +149,7 @@ private:
     static DataSourceStatusInfo statusOf(const Source& source);
     QueryResult failBeforeStatement(std::string error, SourceMetrics* metrics);
     // Caller holds mutex_.
-    void save() const;
+    Status save() const;
 
     const std::string state_file_;
     // Shared for look-ups, which every statement makes; exclusive for changes.

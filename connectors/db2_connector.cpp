@@ -130,7 +130,7 @@ std::vector<std::string> DB2Connector::getTables() {
     if (active_driver_ == Driver::None) return tables;
     const QueryResult result = dispatch(buildTablesQuery(catalogSchema()), {});
     for (const auto& row : result.rows)
-        tables.push_back(row.at("TABNAME"));
+        tables.push_back(row["TABNAME"]);
     return tables;
 }
 
@@ -140,13 +140,13 @@ std::vector<ColumnInfo> DB2Connector::getColumns(const std::string& table) {
     const QueryResult result = dispatch(buildColumnsQuery(catalogSchema(), table), {});
     for (const auto& row : result.rows) {
         ColumnInfo column;
-        column.name = row.at("COLNAME");
-        column.type = row.at("TYPENAME");
-        column.nullable = row.at("NULLS") == "Y";
-        column.default_value = row.at("DEFAULT");
-        column.ordinal_position = std::stoi(row.at("COLNO"));
+        column.name = row["COLNAME"];
+        column.type = row["TYPENAME"];
+        column.nullable = row.view("NULLS") == "Y";
+        column.default_value = row["DEFAULT"];
+        column.ordinal_position = std::stoi(row["COLNO"]);
         // KEYSEQ is the column's place in the primary key, empty or 0 outside it.
-        const std::string& key_sequence = row.at("KEYSEQ");
+        const std::string_view key_sequence = row.view("KEYSEQ");
         column.primary_key = !key_sequence.empty() && key_sequence != "0";
         columns.push_back(std::move(column));
     }

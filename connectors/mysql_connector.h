@@ -4,6 +4,7 @@
 // or the destructor.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -36,7 +37,11 @@ public:
     bool validate() override;
 
     // One statement, with params spliced by spliceParameters(). Values keep
-    // embedded zero bytes; SQL NULL arrives as the empty string.
+    // embedded zero bytes; SQL NULL arrives as the empty string. With a
+    // pool_config.statement_timeout_ms above 0 the session carries it as the
+    // server's limit (max_statement_time on MariaDB; on MySQL
+    // max_execution_time, which limits SELECT only), and a statement it
+    // stops fails with statementTimedOut().
     QueryResult query(const std::string& sql, const std::vector<std::string>& params) override;
     QueryResult execute(const std::string& sql, const std::vector<std::string>& params) override;
 
@@ -53,6 +58,11 @@ public:
     bool beginTransaction() override;
     bool commit() override;
     bool rollback() override;
+    // By the server's SERVER_STATUS_IN_TRANS flag, so a BEGIN sent as a
+    // statement counts too.
+    bool inTransaction() const override;
+    // Also restores the autocommit mode the session started with.
+    bool rollbackOpenTransaction() override;
 
     // Replaces each "?" of `sql`, left to right, by quote(param) for the next
     // parameter. Quoted "?" count as placeholders too; inserted text is never
@@ -66,6 +76,15 @@ public:
 
 private:
     QueryResult run(const std::string& sql, const std::vector<std::string>& params);
+    // fail() with the client's error, or statementTimedOut() when the
+    // server stopped the statement for its limit.
+    QueryResult& failStatement(QueryResult& result, std::chrono::steady_clock::time_point start);
+    QueryResult& failWithoutRows(QueryResult& result, std::string message);
+    // Whether the statement just run has a warning of the session's limit.
+    bool stoppedByLimit();
+    // Sets the statement limit on a freshly opened handle, for this session
+    // and those the library re-opens; false with last_error_ set.
+    bool limitStatements();
     // Opens a fresh handle from config_; false with last_error_ set.
     bool open();
 
@@ -74,6 +93,7 @@ private:
     // Set when the library refused automatic reconnection, so validate()
     // must reconnect by itself.
     bool manual_reconnect_ = false;
+    bool session_autocommit_ = true;
 };
 
 }  // namespace vostra::data

@@ -3,8 +3,11 @@
 #include <libpq-fe.h>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "connectors/sql_literal.h"
 
@@ -28,6 +31,16 @@ constexpr const char* kPrimaryKeyQuery = R"(
     )";
 
 constexpr int32_t kPostgreSQLDefaultPort = 5432;
+constexpr const char* kCopyUnsupported = "COPY to or from the client is not supported";
+constexpr const char* kQueryCanceled = "57014";  // SQLSTATE of a cancelled statement
+
+// A command's row count as libpq reports it; counts beyond 32 bits are
+// capped rather than wrapped.
+int32_t parseCount(const std::string& text) {
+    int64_t count = 0;
+    std::from_chars(text.data(), text.data() + text.size(), count);
+    return static_cast<int32_t>(std::clamp<int64_t>(count, 0, INT32_MAX));
+}
 
 // A libpq keyword value in single quotes, with ' and \ escaped by a backslash.
 std::string quoteValue(const std::string& value) {
@@ -64,6 +77,14 @@ std::string PostgreSQLConnector::buildConnectionInfo(const DataSourceConfig& con
     // minutes; the pool's own wait budget is the natural bound.
     const int32_t timeout_s = std::max(1, config.pool_config.connection_timeout_ms / 1000);
     conninfo += " connect_timeout=" + std::to_string(timeout_s);
+    // Set at the start of every session, so a connection reset in place by
+    // validate() keeps it. The server cancels the statement itself, which
+    // leaves the connection ready for the next one.
+    if (config.pool_config.statement_timeout_ms > 0) {
+        conninfo +=
+            " options=" + quoteValue("-c statement_timeout=" +
+                                     std::to_string(config.pool_config.statement_timeout_ms));
+    }
     // A source that asks for TLS must not silently fall back to plain text.
     if (config.use_ssl) {
         conninfo += " sslmode=require";
@@ -132,40 +153,110 @@ QueryResult PostgreSQLConnector::run(const std::string& sql,
     QueryResult result;
     if (conn_ == nullptr) return fail(result, kNotConnected);
 
-    Result pg;
+    int sent = 0;
     if (params.empty()) {
-        pg.reset(PQexec(conn_, sql.c_str()));
+        sent = PQsendQuery(conn_, sql.c_str());
     } else {
         std::vector<const char*> values;
         values.reserve(params.size());
         for (const std::string& p : params)
             values.push_back(p.c_str());
-        pg.reset(PQexecParams(conn_, sql.c_str(), static_cast<int>(values.size()), nullptr,
-                              values.data(), nullptr, nullptr, 0));
+        sent = PQsendQueryParams(conn_, sql.c_str(), static_cast<int>(values.size()), nullptr,
+                                 values.data(), nullptr, nullptr, 0);
     }
-    const ExecStatusType status = PQresultStatus(pg.get());
-    if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK) {
-        return fail(result, PQerrorMessage(conn_));
+    if (sent == 0) return fail(result, PQerrorMessage(conn_));
+    // Rows arrive one at a time and go straight into the compact rows, so a
+    // big result is never held twice, once by libpq and once here. Should
+    // the mode be refused, results arrive whole and are read the same way.
+    PQsetSingleRowMode(conn_);
+
+    // Like PQexec, the answer is the last statement's when the text holds
+    // several: its rows, its count, or its error.
+    ExecStatusType status = PGRES_EMPTY_QUERY;
+    bool statement_ended = true;
+    bool copy_refused = false;
+    std::string command_count;
+    std::string sqlstate;
+    while (PGresult* raw = PQgetResult(conn_)) {
+        const Result pg(raw);
+        const ExecStatusType current = PQresultStatus(raw);
+        if (current == PGRES_COPY_IN || current == PGRES_COPY_OUT) {
+            // A copy would hold the connection until its data is through,
+            // and the data API has no way to carry it: end it here.
+            copy_refused = true;
+            if (current == PGRES_COPY_IN) {
+                PQputCopyEnd(conn_, kCopyUnsupported);
+            } else {
+                char* buffer = nullptr;
+                while (PQgetCopyData(conn_, &buffer, 0) > 0)
+                    PQfreemem(buffer);
+            }
+            continue;
+        }
+        status = current;
+        if (current == PGRES_SINGLE_TUPLE || current == PGRES_TUPLES_OK) {
+            if (statement_ended) {
+                result.columns.clear();
+                for (int f = 0; f < PQnfields(raw); ++f)
+                    result.columns.emplace_back(PQfname(raw, f));
+                result.rows.setColumns(result.columns);
+            }
+            for (int t = 0, tuples = PQntuples(raw); t < tuples; ++t) {
+                // A NULL reads as the empty string with length 0.
+                result.rows.add([&](int f) {
+                    return std::string_view(PQgetvalue(raw, t, f),
+                                            static_cast<std::size_t>(PQgetlength(raw, t, f)));
+                });
+            }
+            statement_ended = current == PGRES_TUPLES_OK;
+            command_count.clear();
+            continue;
+        }
+        statement_ended = true;
+        result.columns.clear();
+        result.rows.setColumns({});
+        command_count = current == PGRES_COMMAND_OK ? PQcmdTuples(raw) : "";
+        if (const char* code = PQresultErrorField(raw, PG_DIAG_SQLSTATE)) sqlstate = code;
     }
 
-    const int fields = PQnfields(pg.get());
-    for (int f = 0; f < fields; ++f)
-        result.columns.emplace_back(PQfname(pg.get(), f));
-    const int tuples = PQntuples(pg.get());
-    result.rows.reserve(static_cast<std::size_t>(tuples));
-    for (int t = 0; t < tuples; ++t) {
-        QueryResult::Row row;
-        for (int f = 0; f < fields; ++f) {
-            row[result.columns[f]] = PQgetisnull(pg.get(), t, f) ? "" : PQgetvalue(pg.get(), t, f);
+    if (copy_refused) return failWithoutRows(result, kCopyUnsupported);
+    if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK) {
+        const int32_t limit = config_.pool_config.statement_timeout_ms;
+        // The server's timer starts after ours, so its time-out is never
+        // seen before `limit` has passed here; an earlier cancel is someone
+        // else's (an administrator's) and keeps the server's own words.
+        if (limit > 0 && sqlstate == kQueryCanceled &&
+            std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(limit)) {
+            return failWithoutRows(result, statementTimedOut(limit));
         }
-        result.rows.push_back(std::move(row));
+        return failWithoutRows(result, PQerrorMessage(conn_));
     }
-    if (status == PGRES_COMMAND_OK) {
-        const std::string count = PQcmdTuples(pg.get());
-        if (!count.empty()) result.affected_rows = std::stoi(count);
-    }
+    if (!command_count.empty()) result.affected_rows = parseCount(command_count);
     succeed(result, start);
     return result;
+}
+
+QueryResult& PostgreSQLConnector::failWithoutRows(QueryResult& result, std::string message) {
+    result.columns.clear();
+    result.rows.setColumns({});
+    return fail(result, std::move(message));
+}
+
+bool PostgreSQLConnector::inTransaction() const {
+    if (conn_ == nullptr) return false;
+    const PGTransactionStatusType state = PQtransactionStatus(conn_);
+    return state == PQTRANS_INTRANS || state == PQTRANS_INERROR || state == PQTRANS_ACTIVE;
+}
+
+bool PostgreSQLConnector::rollbackOpenTransaction() {
+    if (!inTransaction()) {
+        // A broken connection reports no state at all; validate() repairs it.
+        in_transaction_ = false;
+        return true;
+    }
+    Result(PQexec(conn_, "ROLLBACK"));
+    in_transaction_ = false;
+    return PQtransactionStatus(conn_) == PQTRANS_IDLE;
 }
 
 std::string PostgreSQLConnector::effectiveSchema() const {
@@ -179,7 +270,7 @@ std::vector<std::string> PostgreSQLConnector::getTables() {
         "table_type = 'BASE TABLE'",
         {effectiveSchema()});
     for (const auto& row : result.rows)
-        tables.push_back(row.at("table_name"));
+        tables.push_back(row["table_name"]);
     return tables;
 }
 
@@ -190,14 +281,14 @@ std::vector<ColumnInfo> PostgreSQLConnector::getColumns(const std::string& table
     const QueryResult keys = query(kPrimaryKeyQuery, params);
     std::vector<std::string> key_columns;
     for (const auto& row : keys.rows)
-        key_columns.push_back(row.at("column_name"));
+        key_columns.push_back(row["column_name"]);
     for (const auto& row : described.rows) {
         ColumnInfo column;
-        column.name = row.at("column_name");
-        column.type = row.at("data_type");
-        column.nullable = row.at("is_nullable") == "YES";
-        column.default_value = row.at("column_default");
-        column.ordinal_position = std::stoi(row.at("ordinal_position"));
+        column.name = row["column_name"];
+        column.type = row["data_type"];
+        column.nullable = row.view("is_nullable") == "YES";
+        column.default_value = row["column_default"];
+        column.ordinal_position = parseCount(row["ordinal_position"]);
         column.primary_key =
             std::find(key_columns.begin(), key_columns.end(), column.name) != key_columns.end();
         columns.push_back(std::move(column));

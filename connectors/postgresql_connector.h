@@ -32,9 +32,12 @@ public:
     bool validate() override;
 
     // Without parameters the text goes as is and may hold several
-    // statements; with parameters (bound as text to $1, $2, …) only one.
-    // affected_rows is the server's count for commands, 0 for queries;
-    // last_insert_id stays 0 (use RETURNING).
+    // statements, and the answer is the last one's; with parameters (bound
+    // as text to $1, $2, …) only one. affected_rows is the server's count
+    // for commands, 0 for queries; last_insert_id stays 0 (use RETURNING).
+    // A statement the server stops after pool_config.statement_timeout_ms
+    // fails with statementTimedOut(); COPY to or from the client is refused
+    // and ended, so the connection stays usable.
     QueryResult query(const std::string& sql, const std::vector<std::string>& params) override;
     QueryResult execute(const std::string& sql, const std::vector<std::string>& params) override;
 
@@ -50,15 +53,22 @@ public:
     bool beginTransaction() override;
     bool commit() override;
     bool rollback() override;
+    // By PQtransactionStatus, so a BEGIN sent as a statement counts too; a
+    // failed transaction is still open until rolled back.
+    bool inTransaction() const override;
+    bool rollbackOpenTransaction() override;
 
     // The text handed to libpq: the keywords of getConnectionString() with
     // their values quoted, so empty values and spaces survive; a
     // connect_timeout of connection_timeout_ms in whole seconds (at least 1);
-    // for use_ssl, sslmode=require with ssl_cert_path as root certificate.
+    // for use_ssl, sslmode=require with ssl_cert_path as root certificate;
+    // a statement_timeout_ms above 0 as the session's statement_timeout.
     static std::string buildConnectionInfo(const DataSourceConfig& config);
 
 private:
     QueryResult run(const std::string& sql, const std::vector<std::string>& params);
+    // fail() for a statement whose rows, if any came, belong to no answer.
+    QueryResult& failWithoutRows(QueryResult& result, std::string message);
     std::string effectiveSchema() const;
 
     pg_conn* conn_ = nullptr;

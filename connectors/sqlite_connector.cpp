@@ -5,6 +5,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "connectors/sql_literal.h"
 
@@ -17,11 +18,16 @@ constexpr std::size_t kPreparedStatements = 16;
 // that clients choose the size of.
 constexpr std::size_t kMaxCachedSqlBytes = 4096;
 
-std::string columnText(sqlite3_stmt* statement, int column) {
+// Virtual machine steps between two looks at the clock: often enough to stop
+// within a millisecond or so, rarely enough to cost nothing measurable.
+constexpr int kStepsPerDeadlineCheck = 1000;
+
+// Valid until the statement steps again.
+std::string_view columnText(sqlite3_stmt* statement, int column) {
     const unsigned char* text = sqlite3_column_text(statement, column);
-    if (text == nullptr) return "";  // SQL NULL
-    return std::string(reinterpret_cast<const char*>(text),
-                       static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+    if (text == nullptr) return {};  // SQL NULL
+    return std::string_view(reinterpret_cast<const char*>(text),
+                            static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
 }
 
 }  // namespace
@@ -52,6 +58,17 @@ bool SQLiteConnector::connect(const DataSourceConfig& config) {
     // Pooled connections to one file take turns writing; without a wait the
     // loser of a race fails at once with "database is locked".
     sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+    if (config.pool_config.statement_timeout_ms > 0) {
+        sqlite3_progress_handler(
+            db_, kStepsPerDeadlineCheck,
+            [](void* self) -> int {
+                auto* connector = static_cast<SQLiteConnector*>(self);
+                if (std::chrono::steady_clock::now() < connector->deadline_) return 0;
+                connector->timed_out_ = true;
+                return 1;  // interrupts the statement
+            },
+            this);
+    }
     return true;
 }
 
@@ -81,6 +98,18 @@ QueryResult SQLiteConnector::run(const std::string& sql, const std::vector<std::
     const auto start = std::chrono::steady_clock::now();
     QueryResult result;
     if (db_ == nullptr) return fail(result, kNotConnected);
+
+    const int32_t limit = config_.pool_config.statement_timeout_ms;
+    // Armed for this statement only: the connector's own statements (the
+    // rollback on return) must not meet a deadline long past.
+    struct Deadline {
+        SQLiteConnector* self;
+        ~Deadline() { self->deadline_ = std::chrono::steady_clock::time_point::max(); }
+    } disarm{this};
+    if (limit > 0) {
+        deadline_ = start + std::chrono::milliseconds(limit);
+        timed_out_ = false;
+    }
 
     sqlite3_stmt* raw = takeCached(sql);
     if (raw == nullptr) {
@@ -123,13 +152,15 @@ QueryResult SQLiteConnector::run(const std::string& sql, const std::vector<std::
         const char* name = sqlite3_column_name(raw, c);
         result.columns.emplace_back(name != nullptr ? name : "");
     }
-    for (; step == SQLITE_ROW; step = sqlite3_step(raw)) {
-        QueryResult::Row row;
-        for (int c = 0; c < column_count; ++c)
-            row[result.columns[c]] = columnText(raw, c);
-        result.rows.push_back(std::move(row));
+    result.rows.setColumns(result.columns);
+    for (; step == SQLITE_ROW; step = sqlite3_step(raw))
+        result.rows.add([raw](int c) { return columnText(raw, c); });
+    if (step != SQLITE_DONE) {
+        // Rows read before the failure stay in the result.
+        if (limit > 0 && timed_out_ && step == SQLITE_INTERRUPT)
+            return fail(result, statementTimedOut(limit));
+        return fail(result, sqlite3_errmsg(db_));
     }
-    if (step != SQLITE_DONE) return fail(result, sqlite3_errmsg(db_));
 
     // Taken after every statement, SELECT included, where it repeats the
     // connection's last modification count; callers depend on that.
@@ -172,12 +203,25 @@ void SQLiteConnector::finalizeCached() {
     prepared_.clear();
 }
 
+bool SQLiteConnector::inTransaction() const {
+    return db_ != nullptr && sqlite3_get_autocommit(db_) == 0;
+}
+
+bool SQLiteConnector::rollbackOpenTransaction() {
+    in_transaction_ = false;
+    if (!inTransaction()) return true;
+    // Cached statements are reset after every run, so none holds the
+    // transaction up.
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    return !inTransaction();
+}
+
 std::vector<std::string> SQLiteConnector::getTables() {
     std::vector<std::string> tables;
     const QueryResult result =
         query("SELECT name FROM sqlite_master WHERE type='table' AND name NOT LIKE 'sqlite_%'", {});
     for (const auto& row : result.rows)
-        tables.push_back(row.at("name"));
+        tables.push_back(row["name"]);
     return tables;
 }
 
@@ -186,12 +230,12 @@ std::vector<ColumnInfo> SQLiteConnector::getColumns(const std::string& table) {
     const QueryResult result = query("PRAGMA table_info(" + escape(table) + ")", {});
     for (const auto& row : result.rows) {
         ColumnInfo column;
-        column.name = row.at("name");
-        column.type = row.at("type");
-        column.nullable = row.at("notnull") == "0";
-        column.primary_key = row.at("pk") != "0";
-        column.default_value = row.at("dflt_value");
-        column.ordinal_position = std::stoi(row.at("cid"));
+        column.name = row["name"];
+        column.type = row["type"];
+        column.nullable = row.view("notnull") == "0";
+        column.primary_key = row.view("pk") != "0";
+        column.default_value = row["dflt_value"];
+        column.ordinal_position = std::stoi(row["cid"]);
         columns.push_back(std::move(column));
     }
     return columns;

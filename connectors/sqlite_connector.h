@@ -3,6 +3,7 @@
 // handle; closing happens in disconnect() or the destructor.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,6 +36,9 @@ public:
     // runs; more parameters than placeholders fail with SQLite's range error
     // and nothing runs. affected_rows is sqlite3_changes after every
     // statement, so after a SELECT it repeats the last modification's count.
+    // A statement still running after pool_config.statement_timeout_ms is
+    // interrupted and fails with statementTimedOut() (time spent waiting for
+    // another connection's lock is not cut short).
     QueryResult query(const std::string& sql, const std::vector<std::string>& params) override;
     QueryResult execute(const std::string& sql, const std::vector<std::string>& params) override;
 
@@ -52,6 +56,9 @@ public:
     bool beginTransaction() override;
     bool commit() override;
     bool rollback() override;
+    // By sqlite3_get_autocommit, so a BEGIN sent as a statement counts too.
+    bool inTransaction() const override;
+    bool rollbackOpenTransaction() override;
 
 private:
     QueryResult run(const std::string& sql, const std::vector<std::string>& params);
@@ -63,6 +70,10 @@ private:
 
     sqlite3* db_ = nullptr;
     bool in_transaction_ = false;
+    // When the running statement must stop; read by the progress handler,
+    // which connect() installs only for sources with a statement limit.
+    std::chrono::steady_clock::time_point deadline_ = std::chrono::steady_clock::time_point::max();
+    bool timed_out_ = false;  // the handler stopped the last statement
     // Recently run statements, prepared once and reused: a pooled connection
     // runs the same few texts (look-ups, validation) over and over, and
     // preparing costs as much as the look-up itself. Most recent last.

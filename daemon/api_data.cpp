@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/json_fields.h"
+#include "common/status.h"
 #include "connectors/agent_storage.h"
 #include "connectors/data_source_registry.h"
 #include "daemon/data_daemon.h"
@@ -15,9 +16,12 @@ namespace vostra::data {
 namespace {
 
 constexpr const char* kSourceNotFound = "Data source not found";
+constexpr const char* kAddFailed = "Failed to add data source";
 
+// Written straight from the result's rows: a document of millions of rows
+// built first would cost many times the answer's size.
 void sendResult(int fd, const QueryResult& result) {
-    sendJson(fd, result.success ? 200 : 500, result.toJson());
+    sendResponse(fd, result.success ? 200 : 500, result.toJsonText());
 }
 
 void listSources(DataSourceRegistry& registry, const HttpRequest& request, const RouteParams&) {
@@ -27,8 +31,12 @@ void listSources(DataSourceRegistry& registry, const HttpRequest& request, const
 void addSource(DataSourceRegistry& registry, const HttpRequest& request, const RouteParams&) {
     const auto config = readJsonBody<DataSourceConfig>(request);
     if (!config) return;
-    if (!registry.addDataSource(*config)) {
-        sendError(request.fd, 400, "Failed to add data source");
+    if (const Status added = registry.addDataSource(*config); !added) {
+        // Refusals are the client's to fix (sizes, an id, a database that
+        // does not answer): 400, "detail" saying which; a disk that failed
+        // the daemon is 500.
+        sendJson(request.fd, added.kind == ErrorKind::Internal ? 500 : 400,
+                 {{"error", kAddFailed}, {"detail", added.message}});
         return;
     }
     sendJson(request.fd, 201, {{"status", "created"}, {"id", config->id}});
@@ -45,10 +53,13 @@ void getSource(DataSourceRegistry& registry, const HttpRequest& request,
 
 void deleteSource(DataSourceRegistry& registry, const HttpRequest& request,
                   const RouteParams& params) {
-    if (registry.removeDataSource(params.get("id")))
+    const Status removed = registry.tryRemoveDataSource(params.get("id"));
+    if (removed)
         sendJson(request.fd, 200, {{"status", "deleted"}});
-    else
+    else if (removed.kind == ErrorKind::NotFound)
         sendError(request.fd, 404, kSourceNotFound);
+    else
+        sendError(request.fd, 500, removed.message);
 }
 
 void getSchema(DataSourceRegistry& registry, const HttpRequest& request,
@@ -98,7 +109,7 @@ void DataDaemon::handleDataApi(const HttpRequest& request) {
 }
 
 bool DataDaemon::addDataSource(const DataSourceConfig& config) {
-    return registry_->addDataSource(config);
+    return registry_->addDataSource(config).ok();
 }
 bool DataDaemon::removeDataSource(const std::string& id) { return registry_->removeDataSource(id); }
 std::vector<DataSourceStatusInfo> DataDaemon::listDataSources() const {

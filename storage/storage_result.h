@@ -16,7 +16,7 @@
 
 namespace vostra::data {
 
-struct StorageResult {
+struct [[nodiscard]] StorageResult {
     bool success = false;
     std::string error;
     std::optional<FileEntry> entry;

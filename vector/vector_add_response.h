@@ -10,7 +10,7 @@
 
 namespace vostra::data {
 
-struct VectorAddResponse {
+struct [[nodiscard]] VectorAddResponse {
     bool success = false;
     std::string error;
     std::vector<std::string> document_ids;  // in the order of the request

@@ -18,7 +18,7 @@ struct VectorSearchResult {
     float distance = 1.0f;  // always 1 - score
 };
 
-struct VectorSearchResponse {
+struct [[nodiscard]] VectorSearchResponse {
     bool success = false;
     std::string error;
     std::vector<VectorSearchResult> results;  // best first

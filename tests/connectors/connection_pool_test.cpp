@@ -1,6 +1,7 @@
 #include "connectors/connection_pool.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <vector>
 
@@ -28,7 +29,7 @@ protected:
         auto pool = std::make_unique<ConnectionPool>(config, [b = backend](ConnectorType) {
             return std::make_unique<test::FakeConnector>(b);
         });
-        EXPECT_EQ(pool->initialize(), expect_ok);
+        EXPECT_EQ(pool->initialize().ok(), expect_ok);
         return pool;
     }
 
@@ -40,7 +41,7 @@ TEST_F(ConnectionPoolTest, InitializeOpensTheMinimumAndZeroMinimumFails) {
     config.pool_config.min_connections = 3;
     config.pool_config.max_connections = 5;
     auto pool = start();
-    EXPECT_TRUE(pool->initialize());  // again: no more connections
+    EXPECT_TRUE(pool->initialize().ok());  // again: no more connections
     EXPECT_TRUE(pool->isHealthy());
     EXPECT_EQ(pool->getAvailableCount(), 3u);
     EXPECT_EQ(pool->getStats().total, 3u);
@@ -53,6 +54,119 @@ TEST_F(ConnectionPoolTest, InitializeOpensTheMinimumAndZeroMinimumFails) {
               std::string::npos);
     EXPECT_FALSE(empty->isHealthy());
     EXPECT_EQ(empty->acquire(0), nullptr);
+}
+
+TEST_F(ConnectionPoolTest, SizesOutOfBoundsAreRefusedBeforeAnythingOpens) {
+    const struct {
+        int32_t min, max, statement_timeout;
+        const char* reason;
+    } cases[] = {
+        {100000, 10, 0, "min_connections 100000 is above the limit of 1000"},
+        {1, 1001, 0, "max_connections 1001 is above the limit of 1000"},
+        {5, 2, 0, "min_connections 5 is above max_connections 2"},
+        {1, 10, -1, "statement_timeout_ms must not be negative"},
+    };
+    CaptureStderr();
+    for (const auto& c : cases) {
+        config.pool_config.min_connections = c.min;
+        config.pool_config.max_connections = c.max;
+        config.pool_config.statement_timeout_ms = c.statement_timeout;
+        ConnectionPool pool(config, [b = backend](ConnectorType) {
+            return std::make_unique<test::FakeConnector>(b);
+        });
+        const Status refused = pool.initialize();
+        EXPECT_EQ(refused.kind, ErrorKind::Invalid) << c.reason;
+        EXPECT_EQ(refused.message, c.reason);
+        EXPECT_FALSE(pool.isHealthy());
+        EXPECT_EQ(backend->next_serial, 1) << "nothing may open: " << c.reason;
+    }
+    GetCapturedStderr();
+    config.pool_config.min_connections = 2;
+    config.pool_config.max_connections = kMaxPoolConnections;
+    config.pool_config.statement_timeout_ms = 0;
+    EXPECT_EQ(start()->getStats().total, 2u);
+}
+
+TEST_F(ConnectionPoolTest, FailureToConnectCarriesTheDriversReasonWithoutThePassword) {
+    config.password = "hunter22";
+    backend->connect_error = "password hunter22 rejected for app";
+    backend->refuse_connect = true;
+    CaptureStderr();
+    auto pool = start(false);
+    const std::string log = GetCapturedStderr();
+    const Status refused = pool->initialize();
+    EXPECT_EQ(refused.kind, ErrorKind::Unavailable);
+    EXPECT_EQ(refused.message,
+              "Could not create any connections for src: password *** rejected for app");
+    EXPECT_NE(log.find("password *** rejected"), std::string::npos) << log;
+    EXPECT_EQ(log.find("hunter22"), std::string::npos) << log;
+}
+
+// Makes every thread started meanwhile ask for more stack than an address
+// space holds, so creating one fails as it does when the process is out of
+// threads or memory.
+class ThreadsCannotStart {
+public:
+    ThreadsCannotStart() {
+        pthread_attr_t attributes;
+        pthread_getattr_default_np(&attributes);
+        pthread_attr_getstacksize(&attributes, &saved_);
+        pthread_attr_setstacksize(&attributes, std::size_t{1} << 52);
+        pthread_setattr_default_np(&attributes);
+        pthread_attr_destroy(&attributes);
+    }
+    ~ThreadsCannotStart() {
+        pthread_attr_t attributes;
+        pthread_getattr_default_np(&attributes);
+        pthread_attr_setstacksize(&attributes, saved_);
+        pthread_setattr_default_np(&attributes);
+        pthread_attr_destroy(&attributes);
+    }
+
+private:
+    std::size_t saved_ = 0;
+};
+
+TEST_F(ConnectionPoolTest, AHealthThreadThatCannotStartRefusesThePoolAndClosesItsConnections) {
+    config.pool_config.min_connections = 3;
+    config.pool_config.max_connections = 3;
+    auto pool = std::make_unique<ConnectionPool>(
+        config, [b = backend](ConnectorType) { return std::make_unique<test::FakeConnector>(b); });
+    Status refused;
+    CaptureStderr();
+    {
+        ThreadsCannotStart no_threads;
+        refused = pool->initialize();
+    }
+    GetCapturedStderr();
+    EXPECT_EQ(refused.kind, ErrorKind::Internal);
+    EXPECT_EQ(refused.message.rfind("Could not start the health check for src: ", 0), 0u)
+        << refused.message;
+    EXPECT_EQ(backend->alive, 0);
+    EXPECT_FALSE(pool->isHealthy());
+    EXPECT_EQ(pool->getStats().total, 0u);
+    EXPECT_EQ(pool->acquire(0), nullptr);
+    // Nothing is left in a half-started state: it starts once threads can.
+    EXPECT_TRUE(pool->initialize().ok());
+    EXPECT_EQ(backend->alive, 3);
+}
+
+TEST_F(ConnectionPoolTest, AConnectorStuckInATransactionIsClosedNotParked) {
+    auto pool = start();
+    auto connector = pool->acquire(1000);
+    backend->stuck_in_transaction = true;
+    CaptureStderr();
+    pool->release(std::move(connector));
+    EXPECT_NE(GetCapturedStderr().find("stuck in a transaction"), std::string::npos);
+    EXPECT_EQ(backend->alive, 0);
+    EXPECT_EQ(pool->getStats().total, 0u);
+    backend->stuck_in_transaction = false;
+    // The freed slot is used again.
+    connector = pool->acquire(1000);
+    ASSERT_NE(connector, nullptr);
+    EXPECT_EQ(serialOf(connector), 2);
+    pool->release(std::move(connector));
+    EXPECT_EQ(pool->getAvailableCount(), 1u);
 }
 
 TEST_F(ConnectionPoolTest, SecondAcquireOnAPoolOfOneTimesOutAndCountsIt) {
@@ -197,7 +311,7 @@ TEST_F(ConnectionPoolTest, ShutdownEmptiesThePoolAndWakesWaiters) {
     EXPECT_EQ(pool->getAvailableCount(), 0u);
     EXPECT_EQ(pool->getStats().active, 0u);
     // A stopped pool can be started again.
-    EXPECT_TRUE(pool->initialize());
+    EXPECT_TRUE(pool->initialize().ok());
     EXPECT_TRUE(pool->isHealthy());
 }
 

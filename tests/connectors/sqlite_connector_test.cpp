@@ -46,11 +46,11 @@ TEST_F(SQLiteConnectorTest, StatementsReportRowsChangesAndIdsAsText) {
     EXPECT_EQ(select.affected_rows, 2);
     EXPECT_EQ(select.columns, (std::vector<std::string>{"name", "age", "r"}));
     ASSERT_EQ(select.rows.size(), 2u);
-    EXPECT_EQ(select.rows[0].at("name"), "O'Brien");
-    EXPECT_EQ(select.rows[0].at("age"), "52");
-    EXPECT_EQ(select.rows[0].at("r"), "1.5");
-    EXPECT_EQ(select.rows[1].at("age"), "");  // NULL and '' look alike
-    EXPECT_EQ(db.query("SELECT 1 AS v, 2 AS v", {}).rows.at(0).size(), 1u);
+    EXPECT_EQ(select.rows[0]["name"], "O'Brien");
+    EXPECT_EQ(select.rows[0]["age"], "52");
+    EXPECT_EQ(select.rows[0]["r"], "1.5");
+    EXPECT_EQ(select.rows[1]["age"], "");  // NULL and '' look alike
+    EXPECT_EQ(db.query("SELECT 1 AS v, 2 AS v", {}).rows[0].size(), 1u);
 }
 
 TEST_F(SQLiteConnectorTest, FailuresCarrySQLitesMessageAndRunNothing) {
@@ -169,7 +169,7 @@ TEST_F(SQLiteConnectorTest, ReusedStatementsFollowSchemaChangesAndKeepBindingRul
     ASSERT_TRUE(run(insert, {"3"}));
     const QueryResult rows = db.query("SELECT c FROM people WHERE b = ?", {"3"});
     ASSERT_EQ(rows.rows.size(), 1u);
-    EXPECT_EQ(rows.rows[0].at("c"), "");
+    EXPECT_EQ(rows.rows[0]["c"], "");
 }
 
 TEST(SQLiteConnector, AFinishedReadHoldsNoLockAgainstOtherConnections) {

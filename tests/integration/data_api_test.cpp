@@ -91,9 +91,18 @@ TEST_F(DataApiTest, RefusesADuplicateIdAndSourcesThatCannotConnect) {
     EXPECT_EQ(addSource("dup", "b.db").outcome(), "400 Failed to add data source");
     EXPECT_EQ(run("query", "dup", "SELECT COUNT(*) AS n FROM items").json()["rows"][0]["n"], "5");
 
-    EXPECT_EQ(addSource("gone", "no-such.db").status, 400);
-    EXPECT_EQ(addSource("zero", "a.db", {{"pool_config", {{"min_connections", 0}}}}).status, 400);
+    const auto detail = [](const HttpResponse& reply) { return reply.json().value("detail", ""); };
+    EXPECT_EQ(detail(addSource("gone", "no-such.db")),
+              "Could not create any connections for gone: unable to open database file");
+    EXPECT_EQ(detail(addSource("zero", "a.db", {{"pool_config", {{"min_connections", 0}}}})),
+              "Could not create any connections for zero");
+    // Once took some 20,000 descriptors before the process ran out of threads.
+    const HttpResponse huge =
+        addSource("huge", "a.db", {{"pool_config", {{"min_connections", 100000}}}});
+    EXPECT_EQ(huge.outcome(), "400 Failed to add data source");
+    EXPECT_EQ(detail(huge), "min_connections 100000 is above the limit of 1000");
     EXPECT_EQ(call("GET", "/api/v1/data/sources").json().size(), 1u);
+    EXPECT_TRUE(daemon_->running());
 }
 
 TEST_F(DataApiTest, QueriesRunWithParametersAndIgnoreMaxRows) {

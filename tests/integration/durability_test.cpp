@@ -72,7 +72,8 @@ TEST(Durability, AnOverwriteKilledMidwayLeavesTheOldFileOrTheNewOne) {
             std::vector<std::string>{"--storage-path", dir + "/storage"});
         ASSERT_TRUE(daemon->ready());
         EXPECT_EQ(request(daemon->port(), "GET", kFiles + "f.txt").body.size(), now.size());
-        for (const json& entry : request(daemon->port(), "GET", kFiles).json()["entries"])
+        const json listing = request(daemon->port(), "GET", kFiles).json();
+        for (const json& entry : listing["entries"])
             EXPECT_EQ(entry["name"].get<std::string>().find("vostra-part"), std::string::npos);
         EXPECT_EQ(request(daemon->port(), "GET", "/api/v1/tenants/default/usage").json()["file_count"],
                   1);
@@ -110,11 +111,16 @@ protected:
     std::unique_ptr<DaemonProcess> daemon_;
 };
 
-TEST_F(FullDisk, FailedWritesKeepTheOldFileAndFailedSavesKeepTheTenantTable) {
-    daemon_ = std::make_unique<DaemonProcess>(
-        std::vector<std::string>{"--storage-path", mount_ + "/storage"});
+TEST_F(FullDisk, FailedWritesKeepTheOldFileAndFailedSavesChangeNothing) {
+    const std::vector<std::string> args = {"--storage-path", mount_ + "/storage", "--data-dir",
+                                           mount_ + "/state"};
+    daemon_ = std::make_unique<DaemonProcess>(args);
     ASSERT_TRUE(daemon_->ready()) << daemon_->stderrText();
     const int port = daemon_->port();
+    const auto source = [](const std::string& id) {
+        return json{{"id", id}, {"type", "sqlite"}, {"path", ""}}.dump();
+    };
+    ASSERT_EQ(request(port, "POST", "/api/v1/data/sources", source("kept")).status, 201);
     const std::string old_text(256 << 10, 'o');
     ASSERT_EQ(request(port, "PUT", kFiles + "f.txt", old_text).status, 201);
     ASSERT_EQ(request(port, "POST", "/api/v1/tenants", R"({"id":"kept"})").status, 201);
@@ -135,13 +141,22 @@ TEST_F(FullDisk, FailedWritesKeepTheOldFileAndFailedSavesKeepTheTenantTable) {
     EXPECT_EQ(request(port, "DELETE", "/api/v1/tenants/kept").status, 500);
     EXPECT_EQ(request(port, "GET", "/api/v1/tenants/kept").status, 200);
 
+    const HttpResponse added = request(port, "POST", "/api/v1/data/sources", source("lost"));
+    EXPECT_EQ(added.status, 500);
+    EXPECT_EQ(added.json()["detail"].get<std::string>().rfind("Failed to save data sources: ", 0),
+              0u);
+    EXPECT_EQ(request(port, "GET", "/api/v1/data/sources/lost").status, 404);
+    EXPECT_EQ(request(port, "DELETE", "/api/v1/data/sources/kept").status, 500);
+    EXPECT_EQ(request(port, "GET", "/api/v1/data/sources/kept").status, 200);
+
     // After a restart, memory and disk still agree.
     daemon_->stop();
     fs::remove(mount_ + "/filler");
-    daemon_ = std::make_unique<DaemonProcess>(
-        std::vector<std::string>{"--storage-path", mount_ + "/storage"});
+    daemon_ = std::make_unique<DaemonProcess>(args);
     ASSERT_TRUE(daemon_->ready());
     EXPECT_EQ(request(daemon_->port(), "GET", "/api/v1/tenants/kept").status, 200);
+    EXPECT_EQ(request(daemon_->port(), "GET", "/api/v1/data/sources/kept").status, 200);
+    EXPECT_EQ(request(daemon_->port(), "GET", "/api/v1/data/sources/lost").status, 404);
     EXPECT_EQ(request(daemon_->port(), "GET", "/api/v1/tenants/lost").status, 404);
     EXPECT_EQ(request(daemon_->port(), "GET", kFiles + "f.txt").body, old_text);
 }

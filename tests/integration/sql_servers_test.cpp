@@ -1,5 +1,6 @@
 // The PostgreSQL and MySQL connectors against the private servers of the
-// test run, at the connector level and through the daemon's data API.
+// test run, at the connector level (statements, catalogs, transactions left
+// open, statements over their time limit) and through the daemon's data API.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -35,6 +36,21 @@ protected:
         EXPECT_TRUE(result.success) << sql << ": " << result.error;
         return result;
     }
+    // A BEGIN sent as a statement, a row written in it, then the clean-up a
+    // pooled connection gets on return: the row is gone, later ones commit.
+    void expectRolledBackForTheNextBorrower(const std::string& table) {
+        (void)run("CREATE TABLE " + table + " (v INT)");
+        ASSERT_TRUE(db_.execute("BEGIN", {}).success);
+        (void)run("INSERT INTO " + table + " VALUES (1)");
+        EXPECT_TRUE(db_.inTransaction());
+        EXPECT_TRUE(db_.rollbackOpenTransaction());
+        EXPECT_FALSE(db_.inTransaction());
+        (void)run("INSERT INTO " + table + " VALUES (2)");
+        Connector other;
+        ASSERT_TRUE(other.connect(config_));
+        EXPECT_EQ(other.query("SELECT SUM(v) AS s FROM " + table, {}).rows[0]["s"], "2");
+        (void)run("DROP TABLE " + table);
+    }
     DataSourceConfig config_;
     Connector db_;
 };
@@ -44,7 +60,7 @@ using MariadbTest = ConnectedTest<data::MySQLConnector, mariadbServer>;
 
 TEST_F(PostgresTest, DescribesColumnsKeysAndDefaultsInAnotherSchema) {
     const std::string schema = unique("sch");
-    run("CREATE SCHEMA " + schema + "; CREATE TABLE " + schema +
+    (void)run("CREATE SCHEMA " + schema + "; CREATE TABLE " + schema +
         ".items (id SERIAL PRIMARY KEY, name TEXT NOT NULL DEFAULT 'x', note VARCHAR(20))");
 
     DataSourceConfig scoped = config_;
@@ -65,12 +81,12 @@ TEST_F(PostgresTest, DescribesColumnsKeysAndDefaultsInAnotherSchema) {
 
     auto public_tables = db_.getTables();
     EXPECT_EQ(std::count(public_tables.begin(), public_tables.end(), "items"), 0);
-    run("DROP SCHEMA " + schema + " CASCADE");
+    (void)run("DROP SCHEMA " + schema + " CASCADE");
 }
 
 TEST_F(PostgresTest, CountsAffectedRowsRunsSeveralStatementsAndRoundTripsText) {
     const std::string table = unique("counts");
-    run("CREATE TABLE " + table + " (id INT, v TEXT, n TEXT); INSERT INTO " + table +
+    (void)run("CREATE TABLE " + table + " (id INT, v TEXT, n TEXT); INSERT INTO " + table +
         " VALUES (1,'a'),(2,'a'),(3,'a'),(4,'b')");
     EXPECT_EQ(run("UPDATE " + table + " SET v = 'c' WHERE v = $1", {"a"}).affected_rows, 3);
     auto selected = run("SELECT * FROM " + table + " WHERE v = $1", {"c"});
@@ -79,20 +95,31 @@ TEST_F(PostgresTest, CountsAffectedRowsRunsSeveralStatementsAndRoundTripsText) {
     EXPECT_FALSE(db_.execute("SELECT 1; SELECT 2", {"x"}).success);
 
     const std::string text = "Grüße, 東京, emoji 🚀, quote ' and backslash \\";
-    run("UPDATE " + table + " SET v = $1 WHERE id = 4", {text});
+    (void)run("UPDATE " + table + " SET v = $1 WHERE id = 4", {text});
     auto back = run("SELECT v, n FROM " + table + " WHERE id = 4");
     ASSERT_EQ(back.rows.size(), 1u);
     EXPECT_EQ(back.rows[0]["v"], text);
     EXPECT_EQ(back.rows[0]["n"], "");  // NULL
     EXPECT_EQ(db_.escape("O'Brien"), "'O''Brien'");
-    run("DROP TABLE " + table);
+    (void)run("DROP TABLE " + table);
+}
+
+TEST_F(PostgresTest, ACopyIsRefusedAndEndedSoTheConnectionGoesOn) {
+    const std::string table = unique("copied");
+    (void)run("CREATE TABLE " + table + " (v INT); INSERT INTO " + table + " VALUES (1), (2)");
+    for (const std::string& copy :
+         {"COPY " + table + " TO STDOUT", "COPY " + table + " FROM STDIN"}) {
+        EXPECT_EQ(db_.execute(copy, {}).error, "COPY to or from the client is not supported");
+        EXPECT_EQ(run("SELECT COUNT(*) AS n FROM " + table).rows[0]["n"], "2") << copy;
+    }
+    (void)run("DROP TABLE " + table);
 }
 
 TEST_F(MariadbTest, SplicesEscapedParametersAndDropsSurplusOnes) {
     const std::string table = unique("people");
-    run("CREATE TABLE " + table + " (a VARCHAR(20), b VARCHAR(20))");
-    run("INSERT INTO " + table + " VALUES (?, ?)", {"x", "O'Brien"});
-    run("INSERT INTO " + table + " VALUES (?, ?)", {"y", "what?"});
+    (void)run("CREATE TABLE " + table + " (a VARCHAR(20), b VARCHAR(20))");
+    (void)run("INSERT INTO " + table + " VALUES (?, ?)", {"x", "O'Brien"});
+    (void)run("INSERT INTO " + table + " VALUES (?, ?)", {"y", "what?"});
 
     auto found =
         run("SELECT * FROM " + table + " WHERE a = ? AND b = ?", {"x", "O'Brien", "extra"});
@@ -101,12 +128,12 @@ TEST_F(MariadbTest, SplicesEscapedParametersAndDropsSurplusOnes) {
     // A "?" inside a value is never taken for a placeholder.
     EXPECT_EQ(run("SELECT b FROM " + table + " WHERE a = ? AND b = ?", {"y", "what?"}).rows.size(),
               1u);
-    run("DROP TABLE " + table);
+    (void)run("DROP TABLE " + table);
 }
 
 TEST_F(MariadbTest, ReportsAutoIncrementKeysDescribesColumnsAndRoundTripsBytes) {
     const std::string table = unique("auto");
-    run("CREATE TABLE " + table +
+    (void)run("CREATE TABLE " + table +
         " (id INT AUTO_INCREMENT PRIMARY KEY, name VARCHAR(10) NOT NULL DEFAULT 'n', t TEXT,"
         " b VARBINARY(10)) CHARACTER SET utf8mb4");
     EXPECT_EQ(run("INSERT INTO " + table + " (t) VALUES (?)", {"a"}).last_insert_id, 1);
@@ -128,7 +155,83 @@ TEST_F(MariadbTest, ReportsAutoIncrementKeysDescribesColumnsAndRoundTripsBytes) 
     EXPECT_EQ(columns[1].default_value, "n");
     auto tables = db_.getTables();
     EXPECT_NE(std::find(tables.begin(), tables.end(), table), tables.end());
-    run("DROP TABLE " + table);
+    (void)run("DROP TABLE " + table);
+}
+
+// Long enough that a limit that does not work shows as a test that never ends.
+constexpr const char* kForever = "3600";
+
+TEST_F(PostgresTest, AStatementPastItsLimitIsCancelledAndTheConnectionGoesOn) {
+    DataSourceConfig limited = config_;
+    limited.pool_config.statement_timeout_ms = 300;
+    data::PostgreSQLConnector db;
+    ASSERT_TRUE(db.connect(limited)) << db.getLastError();
+    const std::string sleep = std::string("SELECT pg_sleep(") + kForever + ")";
+    EXPECT_EQ(db.query(sleep, {}).error, "Statement timed out after 300 ms");
+    EXPECT_EQ(db.query("SELECT 1 AS one", {}).rows[0]["one"], "1");
+
+    // A session reset in place keeps its limit.
+    (void)run("SELECT pg_terminate_backend(" + db.query("SELECT pg_backend_pid() AS p", {}).rows[0]["p"] +
+        ")");
+    EXPECT_FALSE(db.query("SELECT 1", {}).success);  // how the client learns of it
+    EXPECT_TRUE(db.validate());
+    EXPECT_EQ(db.query(sleep, {}).error, "Statement timed out after 300 ms");
+
+    // Inside a transaction the cancel fails the transaction, which then
+    // waits to be rolled back.
+    ASSERT_TRUE(db.execute("BEGIN", {}).success);
+    EXPECT_FALSE(db.query(sleep, {}).success);
+    EXPECT_TRUE(db.inTransaction());
+    EXPECT_TRUE(db.rollbackOpenTransaction());
+    EXPECT_EQ(db.query("SELECT 2 AS two", {}).rows[0]["two"], "2");
+}
+
+TEST_F(MariadbTest, AStatementPastItsLimitIsStoppedAndTheConnectionGoesOn) {
+    DataSourceConfig limited = config_;
+    limited.pool_config.statement_timeout_ms = 300;
+    data::MySQLConnector db;
+    ASSERT_TRUE(db.connect(limited)) << db.getLastError();
+    // The server ends a SELECT with an error, but a DO with a mere warning.
+    for (const char* verb : {"SELECT", "DO"}) {
+        const std::string sleep = std::string(verb) + " SLEEP(" + kForever + ")";
+        EXPECT_EQ(db.query(sleep, {}).error, "Statement timed out after 300 ms") << verb;
+        EXPECT_EQ(db.query("SELECT 1 AS one", {}).rows[0]["one"], "1");
+    }
+
+    // The session the client library opens again by itself, here in the
+    // middle of running the statement, has the limit too.
+    const std::string session = db.query("SELECT CONNECTION_ID() AS id", {}).rows[0]["id"];
+    (void)run("KILL " + session);
+    EXPECT_EQ(db.query(std::string("SELECT SLEEP(") + kForever + ")", {}).error,
+              "Statement timed out after 300 ms");
+    EXPECT_NE(db.query("SELECT CONNECTION_ID() AS id", {}).rows[0]["id"], session);
+}
+
+TEST_F(PostgresTest, ATransactionLeftOpenIsRolledBackForTheNextBorrower) {
+    expectRolledBackForTheNextBorrower(unique("open_tx"));
+    // A transaction failed by an error is open just the same.
+    ASSERT_TRUE(db_.execute("BEGIN", {}).success);
+    EXPECT_FALSE(db_.execute("SELECT 1 / 0", {}).success);
+    EXPECT_TRUE(db_.inTransaction());
+    EXPECT_TRUE(db_.rollbackOpenTransaction());
+    EXPECT_TRUE(db_.execute("SELECT 1", {}).success);
+}
+
+TEST_F(MariadbTest, ATransactionLeftOpenIsRolledBackForTheNextBorrower) {
+    expectRolledBackForTheNextBorrower(unique("open_tx"));
+    // With autocommit switched off every statement opens a transaction; the
+    // return switches it back on, or the next borrower's writes would vanish.
+    const std::string table = unique("no_autocommit");
+    (void)run("CREATE TABLE " + table + " (v INT)");
+    (void)run("SET autocommit = 0");
+    (void)run("INSERT INTO " + table + " VALUES (1)");
+    EXPECT_TRUE(db_.rollbackOpenTransaction());
+    (void)run("INSERT INTO " + table + " VALUES (2)");
+    EXPECT_FALSE(db_.inTransaction());
+    data::MySQLConnector other;
+    ASSERT_TRUE(other.connect(config_));
+    EXPECT_EQ(other.query("SELECT SUM(v) AS s FROM " + table, {}).rows[0]["s"], "2");
+    (void)run("DROP TABLE " + table);
 }
 
 // The same servers through the daemon's HTTP data API.

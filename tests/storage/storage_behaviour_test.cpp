@@ -163,14 +163,14 @@ TEST_P(StorageBehaviour, SubscribersSeePlainPrefixesOfTheirTenant) {
     EXPECT_EQ(id.size(), 20u);
     EXPECT_EQ(id.rfind("sub-", 0), 0u);
 
-    put("docs/a", "x");
-    put("docs2/b", "x");
-    put("/docs/c", "x", "other");
-    put("images/c", "x");
-    service_.remove("acme", "docs/a", false);
-    service_.mkdir("acme", "docs/d");
+    (void)put("docs/a", "x");
+    (void)put("docs2/b", "x");
+    (void)put("/docs/c", "x", "other");
+    (void)put("images/c", "x");
+    (void)service_.remove("acme", "docs/a", false);
+    (void)service_.mkdir("acme", "docs/d");
     service_.unsubscribe(id);
-    put("docs/e", "x");
+    (void)put("docs/e", "x");
     EXPECT_EQ(docs, (std::vector<std::string>{"write docs/a", "write docs2/b", "delete docs/a",
                                               "mkdir docs/d"}));
     EXPECT_EQ(all.size(), 6u);
@@ -178,11 +178,11 @@ TEST_P(StorageBehaviour, SubscribersSeePlainPrefixesOfTheirTenant) {
 }
 
 TEST_P(StorageBehaviour, MetricsCountSuccessfulCallsOnly) {
-    put("m.txt", "12345");
-    get("m.txt");
-    get("missing");
-    service_.remove("acme", "m.txt", false);
-    put("x", "y", "nobody");
+    (void)put("m.txt", "12345");
+    (void)get("m.txt");
+    (void)get("missing");
+    (void)service_.remove("acme", "m.txt", false);
+    (void)put("x", "y", "nobody");
     const nlohmann::json metrics = service_.getMetrics();
     EXPECT_EQ(metrics["total_writes"], 1);
     EXPECT_EQ(metrics["bytes_written"], 5);
@@ -200,7 +200,7 @@ TEST_P(StorageBehaviour, ConcurrentWritersAndReadersSeeWholeFiles) {
         threads.emplace_back([&, t] {
             const std::string body(512, static_cast<char>('a' + t));
             for (int i = 0; i < 40; ++i) {
-                put("shared.txt", body);
+                (void)put("shared.txt", body);
                 const std::string seen = get("shared.txt").data;
                 if (seen.size() != 512 || seen.find_first_not_of(seen[0]) != std::string::npos)
                     ++torn;

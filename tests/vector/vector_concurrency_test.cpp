@@ -44,7 +44,7 @@ TEST_P(VectorConcurrency, RacingRequestsKeepEveryDocument) {
     threads.emplace_back([&] {
         for (int i = 0; i < kRounds; ++i) {
             service.createNamespace("t", "churn", "", "");
-            service.addText("t", "churn", "short lived", "s", {});
+            (void)service.addText("t", "churn", "short lived", "s", {});
             service.listNamespaces("t");
             service.deleteNamespace("t", "churn");
         }

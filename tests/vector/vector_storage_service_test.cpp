@@ -150,7 +150,7 @@ TEST_P(VectorService, NamespacesAreRecordedOnceAndDeletedWithTheirData) {
 
 TEST_P(VectorService, MetricsCountAndAStoppedServiceServesNothing) {
     ASSERT_TRUE(service_->addText("acme", "docs", "A. B.", "s", {}).success);
-    service_->search(searchFor("A"));
+    (void)service_->search(searchFor("A"));
     EXPECT_EQ(service_->getMetrics()["total_documents_added"], 1);
     EXPECT_EQ(service_->getMetrics()["total_searches"], 1);
     service_->shutdown();
