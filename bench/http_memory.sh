@@ -42,6 +42,6 @@ down_kb=$(measure big.txt)
 body_kb=$((bytes / 1024))
 printf 'raw upload of %d MB:   peak - idle = %6d MB  ratio %s (target <= 1.3)\n' \
   "$size_mb" $((raw_kb / 1024)) "$(ratio "$raw_kb" "$body_kb")"
-printf 'base64 JSON upload of %d MB:peak - idle = %6d MB  ratio %s (target <= 2.5)\n' \
+printf 'base64 JSON upload of %d MB: peak - idle = %6d MB  ratio %s (target <= 2.5)\n' \
   "$size_mb" $((json_kb / 1024)) "$(ratio "$json_kb" "$body_kb")"
 printf 'download of %d MB:     peak - idle = %6d MB  (target <= 16)\n' "$size_mb" $((down_kb / 1024))
