@@ -113,6 +113,12 @@ void DataDaemon::startStorage() {
     storage_config.backend_type = storageBackendTypeFromName(config_.storage_backend);
     storage_config.base_path = config_.storage_path;
     storage_config.fsync = config_.storage_fsync;
+    const DataDaemonConfig s3 = withS3Environment(config_);
+    storage_config.s3_endpoint = s3.s3_endpoint;
+    storage_config.s3_bucket = s3.s3_bucket;
+    if (!s3.s3_region.empty()) storage_config.s3_region = s3.s3_region;
+    storage_config.s3_access_key = s3.s3_access_key;
+    storage_config.s3_secret_key = s3.s3_secret_key;
     storage_config.nfs_enabled = config_.nfs_enabled;
     storage_config.nfs_port = config_.nfs_port;
     auto storage = std::make_unique<StorageService>();

@@ -8,6 +8,7 @@
 
 #include "connectors/connector_type.h"
 #include "connectors/data_connector_factory.h"
+#include "storage/storage_service_config.h"
 
 namespace vostra::data {
 namespace {
@@ -27,6 +28,11 @@ enum LongOnly {
     kAgentStorage,
     kMaxConnections,
     kMaxWaitingConnections,
+    kS3Endpoint,
+    kS3Bucket,
+    kS3Region,
+    kS3AccessKey,
+    kS3SecretKey,
 };
 
 const option kLongOptions[] = {
@@ -52,6 +58,11 @@ const option kLongOptions[] = {
     {"help", no_argument, nullptr, 'h'},
     {"max-connections", required_argument, nullptr, kMaxConnections},
     {"max-waiting-connections", required_argument, nullptr, kMaxWaitingConnections},
+    {"s3-endpoint", required_argument, nullptr, kS3Endpoint},
+    {"s3-bucket", required_argument, nullptr, kS3Bucket},
+    {"s3-region", required_argument, nullptr, kS3Region},
+    {"s3-access-key", required_argument, nullptr, kS3AccessKey},
+    {"s3-secret-key", required_argument, nullptr, kS3SecretKey},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -112,6 +123,11 @@ CommandLine parseCommandLine(int argc, char* argv[]) {
             case kMaxWaitingConnections:
                 config.max_waiting_connections = std::stoi(optarg);
                 break;
+            case kS3Endpoint: config.s3_endpoint = optarg; break;
+            case kS3Bucket: config.s3_bucket = optarg; break;
+            case kS3Region: config.s3_region = optarg; break;
+            case kS3AccessKey: config.s3_access_key = optarg; break;
+            case kS3SecretKey: config.s3_secret_key = optarg; break;
             case 'V':
                 printVersion();
                 line.exit_status = 0;
@@ -176,6 +192,11 @@ void printUsage(const char* argv0) {
                  "Storage Options:\n"
                  "  --storage-path PATH     Storage base path (default: /var/lib/vostra/storage)\n"
                  "  --storage-backend TYPE  Storage backend: filesystem, s3 (default: filesystem)\n"
+                 "  --s3-endpoint URL       S3 endpoint (default: AWS in the region)\n"
+                 "  --s3-bucket NAME        S3 bucket (required for s3)\n"
+                 "  --s3-region REGION      S3 region (default: AWS_REGION or us-east-1)\n"
+                 "  --s3-access-key KEY     S3 access key (default: AWS_ACCESS_KEY_ID)\n"
+                 "  --s3-secret-key SECRET  S3 secret key (default: AWS_SECRET_ACCESS_KEY)\n"
                  "  --no-storage            Disable storage service\n"
                  "  --nfs                   Enable NFS server\n"
                  "  --nfs-port PORT         NFS port (default: 2049)\n"
@@ -236,6 +257,10 @@ void printConfiguration(const DataDaemonConfig& config) {
     if (config.storage_enabled) {
         std::cout << "  Backend:    " << config.storage_backend << "\n"
                   << "  Path:       " << config.storage_path << "\n";
+        // The endpoint and bucket only: the key pair stays out of every output.
+        if (storageBackendTypeFromName(config.storage_backend) == StorageBackendType::S3)
+            std::cout << "  S3:         " << (config.s3_endpoint.empty() ? "(AWS)" : config.s3_endpoint)
+                      << " bucket " << config.s3_bucket << "\n";
     }
     std::cout << "  NFS:        ";
     if (config.nfs_enabled)

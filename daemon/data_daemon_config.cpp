@@ -1,5 +1,6 @@
 #include "daemon/data_daemon_config.h"
 
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "common/json_fields.h"
@@ -26,6 +27,11 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "storage_backend", c.storage_backend);
     readField(json, "storage_path", c.storage_path);
     readField(json, "storage_fsync", c.storage_fsync);
+    readField(json, "s3_endpoint", c.s3_endpoint);
+    readField(json, "s3_bucket", c.s3_bucket);
+    readField(json, "s3_region", c.s3_region);
+    readField(json, "s3_access_key", c.s3_access_key);
+    readField(json, "s3_secret_key", c.s3_secret_key);
     readField(json, "nfs_enabled", c.nfs_enabled);
     readField(json, "nfs_port", c.nfs_port);
     readField(json, "agent_storage_enabled", c.agent_storage_enabled);
@@ -40,6 +46,17 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "max_connections", c.max_connections);
     readField(json, "max_waiting_connections", c.max_waiting_connections);
     return c;
+}
+
+DataDaemonConfig withS3Environment(DataDaemonConfig config) {
+    auto fill = [](std::string& field, const char* variable) {
+        if (!field.empty()) return;
+        if (const char* value = std::getenv(variable)) field = value;
+    };
+    fill(config.s3_access_key, "AWS_ACCESS_KEY_ID");
+    fill(config.s3_secret_key, "AWS_SECRET_ACCESS_KEY");
+    fill(config.s3_region, "AWS_REGION");
+    return config;
 }
 
 }  // namespace vostra::data

@@ -30,6 +30,14 @@ struct DataDaemonConfig {
     std::string storage_path = "/var/lib/vostra/storage";
     // Stored files are flushed to disk before they replace the old ones.
     bool storage_fsync = true;
+    // The S3 backend's store. Empty credentials and region are taken from
+    // AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY and AWS_REGION (see
+    // withS3Environment); the secret is never printed or answered.
+    std::string s3_endpoint;  // empty: the AWS endpoint of the region
+    std::string s3_bucket;
+    std::string s3_region;    // empty: AWS_REGION, else "us-east-1"
+    std::string s3_access_key;
+    std::string s3_secret_key;
     bool nfs_enabled = false;
     int32_t nfs_port = 2049;
     bool agent_storage_enabled = false;
@@ -52,5 +60,9 @@ struct DataDaemonConfig {
     // A present key of the wrong JSON type throws nlohmann::json::type_error.
     static DataDaemonConfig fromJson(const nlohmann::json& json);
 };
+
+// `config` with its empty S3 credentials and region filled from the
+// standard AWS environment variables, when they are set.
+DataDaemonConfig withS3Environment(DataDaemonConfig config);
 
 }  // namespace vostra::data

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project needs; does nothing when they are
-# all present. Usage: install-deps.sh build|test
+# Installs the Debian packages the project needs and, for the tests, the npm
+# test tools of tests/tools; does nothing when they are all present.
+# Usage: install-deps.sh build|test
 set -euo pipefail
 
 build_packages=(
@@ -12,6 +13,7 @@ test_packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 wrk nginx
   postgresql postgresql-client mariadb-server mariadb-client
+  python3-boto3
 )
 
 case "${1:-build}" in
@@ -25,7 +27,27 @@ for package in "${wanted[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' \
     || missing+=("$package")
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
+# Node.js may come from elsewhere than Debian (with npm inside); only a
+# machine without npm gets Debian's.
+if [ "${1:-build}" = test ] && ! command -v npm >/dev/null; then
+  missing+=(nodejs npm)
+fi
+
+# The npm test tools, from the lock file, once per change of it.
+install_test_tools() {
+  [ "${1:-build}" = test ] || return 0
+  local tools
+  tools="$(cd "$(dirname "$0")/.." && pwd)/tests/tools"
+  [ "$tools/node_modules/.package-lock.json" -nt "$tools/package-lock.json" ] && return 0
+  echo "Installing the npm test tools in $tools"
+  (cd "$tools" && npm ci --no-audit --no-fund --loglevel=error) || return 1
+  touch "$tools/node_modules/.package-lock.json"
+}
+
+if [ ${#missing[@]} -eq 0 ]; then
+  install_test_tools "${1:-build}"
+  exit
+fi
 
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then
@@ -44,3 +66,4 @@ echo "Installing: ${missing[*]}"
 # Try the cached package lists first; refresh them only when that fails.
 $sudo apt-get install -y -q --no-install-recommends "${missing[@]}" \
   || { $sudo apt-get update -q && $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"; }
+install_test_tools "${1:-build}"

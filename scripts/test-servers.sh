@@ -1,4 +1,4 @@
-# Private PostgreSQL and MariaDB servers for the tests (sourced by test.sh).
+# Private PostgreSQL, MariaDB and S3 servers for the tests (sourced by test.sh).
 # Each gets its own data folder under $servers_dir, a free loopback port, a
 # database "vostra_test" and a user "vostra" with password "vostra"; nothing
 # of the machine's own servers is used. stop_test_servers removes them all.
@@ -60,6 +60,30 @@ start_mariadb() {
   echo "MariaDB test server on 127.0.0.1:$VOSTRA_TEST_MYSQL_PORT"
 }
 
+# The S3-compatible server of tests/tools (npm packages installed by
+# install-deps.sh test), with a fixed key pair and no bucket: each test makes
+# its own. Runs as the caller; its objects live under $servers_dir/s3.
+start_s3() {
+  local tools
+  tools="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/tests/tools"
+  mkdir -p "$servers_dir/s3"
+  VOSTRA_TEST_S3_ACCESS_KEY=vostra-test
+  VOSTRA_TEST_S3_SECRET_KEY='vostra/test+secret'
+  node --openssl-legacy-provider "$tools/s3_server.js" "$servers_dir/s3/data" \
+    "$VOSTRA_TEST_S3_ACCESS_KEY" "$VOSTRA_TEST_S3_SECRET_KEY" "$@" \
+    >"$servers_dir/s3/out.log" 2>"$servers_dir/s3/server.log" &
+  echo $! >"$servers_dir/s3/pid"
+  for _ in $(seq 150); do
+    VOSTRA_TEST_S3_PORT=$(awk '/^port / {print $2}' "$servers_dir/s3/out.log")
+    [ -n "$VOSTRA_TEST_S3_PORT" ] && break
+    kill -0 "$(cat "$servers_dir/s3/pid")" 2>/dev/null || break
+    sleep 0.2
+  done
+  [ -n "$VOSTRA_TEST_S3_PORT" ] || { cat "$servers_dir/s3/server.log" >&2; return 1; }
+  export VOSTRA_TEST_S3_PORT VOSTRA_TEST_S3_ACCESS_KEY VOSTRA_TEST_S3_SECRET_KEY
+  echo "S3 test server on 127.0.0.1:$VOSTRA_TEST_S3_PORT"
+}
+
 start_test_servers() {
   servers_dir=$(mktemp -d /tmp/vostra-servers-XXXXXX)
   chmod 755 "$servers_dir"
@@ -71,6 +95,7 @@ start_test_servers() {
   export VOSTRA_TEST_SERVER_USER="$server_user"
   start_postgres || { echo "PostgreSQL test server failed to start" >&2; return 1; }
   start_mariadb || { echo "MariaDB test server failed to start" >&2; return 1; }
+  start_s3 || { echo "S3 test server failed to start" >&2; return 1; }
 }
 
 stop_test_servers() {
@@ -83,6 +108,7 @@ stop_test_servers() {
     for _ in $(seq 40); do [ -f "$servers_dir/mariadb/mysqld.pid" ] || break; sleep 0.25; done
   fi
   pkill -f -- "--datadir=$servers_dir/" 2>/dev/null || true
+  if [ -f "$servers_dir/s3/pid" ]; then kill "$(cat "$servers_dir/s3/pid")" 2>/dev/null; fi
   rm -rf "$servers_dir"
   servers_dir=""
 }

@@ -19,6 +19,8 @@ public:
     OpenedFile& operator=(const OpenedFile&) = delete;
 
     int fd() const { return fd_; }
+    // Gives up ownership: the descriptor is the caller's to close.
+    int release() { return std::exchange(fd_, -1); }
     uint64_t size() const { return size_; }
 
 private:

@@ -1,10 +1,10 @@
 #include "storage/storage_service.h"
 
 #include <filesystem>
-#include <utility>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <utility>
 
 #include "common/atomic_file.h"
 #include "common/file_name.h"
@@ -14,6 +14,7 @@
 #include "storage/filesystem_backend.h"
 #include "storage/memory_backend.h"
 #include "storage/path_rules.h"
+#include "storage/s3_backend.h"
 
 namespace vostra::data {
 namespace {
@@ -51,8 +52,8 @@ bool StorageService::initialize(const StorageServiceConfig& config) {
             backend_ = std::make_unique<MemoryBackend>();
             break;
         case StorageBackendType::S3:
-            kLog.error("S3 backend is not available in this build");
-            return false;
+            backend_ = std::make_unique<S3Backend>();
+            break;
         default:
             break;  // an unknown selector keeps whatever backend is there
     }
@@ -401,9 +402,10 @@ std::vector<TenantConfig> StorageService::listTenants() const {
 }
 
 std::string StorageService::tenantsFile() const {
-    // Only the filesystem backend has a base path of its own; the memory
-    // backend forgets its tenants with its files.
-    if (config_.backend_type != StorageBackendType::Filesystem || !backend_) return {};
+    // The memory backend forgets its tenants with its files; the others
+    // keep the table under the local base path (with S3, each daemon on a
+    // bucket keeps its own).
+    if (config_.backend_type == StorageBackendType::Memory || !backend_) return {};
     return config_.base_path + kTenantsFile;
 }
 
@@ -426,6 +428,9 @@ Status StorageService::saveTenantsLocked() {
     // Without api_keys, so the table may be readable by all.
     const std::string text =
         table.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+    // The filesystem backend made the folder; with S3 the first save does.
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(file).parent_path(), ignored);
     if (Status saved = vostra::writeFileAtomically(file, text, 0644); !saved)
         return Status::failure(ErrorKind::Internal, "Failed to save tenants: " + saved.message);
     return Status::success();

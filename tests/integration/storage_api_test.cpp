@@ -8,6 +8,7 @@
 
 #include "tests/support/daemon_process.h"
 #include "tests/support/http_test_client.h"
+#include "tests/support/s3_test_server.h"
 
 namespace vostra::test {
 namespace {
@@ -52,9 +53,19 @@ protected:
 class StorageApiBehaviour : public StorageApi, public ::testing::TestWithParam<const char*> {
 protected:
     void SetUp() override {
-        startDaemon({"--storage-backend", GetParam()});
+        if (s3()) {
+            const S3TestServer server = s3Server();
+            if (!server.available) GTEST_SKIP() << "no S3 test server";
+            const std::string bucket = server.newBucket(
+                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+            ASSERT_NE(bucket, "");
+            startDaemon(server.daemonArgs(bucket));
+        } else {
+            startDaemon({"--storage-backend", GetParam()});
+        }
         ASSERT_EQ(addTenant("acme").status, 201);
     }
+    bool s3() const { return std::string(GetParam()) == "s3"; }
 };
 
 TEST_P(StorageApiBehaviour, QuotaBoundaryIsExact) {
@@ -89,7 +100,9 @@ TEST_P(StorageApiBehaviour, ServesBodiesAsTheyWereMeant) {
     EXPECT_NE(call("GET", kFiles + "acme/arr.json").head.find("Content-Type: application/json"),
               std::string::npos);
 
-    EXPECT_EQ(call("GET", kFiles + "acme/none.txt").outcome(), "404 File not found: none.txt");
+    EXPECT_EQ(call("GET", kFiles + "acme/none.txt").outcome(),
+              s3() ? "404 S3 GET failed: 404 NoSuchKey The specified key does not exist."
+                   : "404 File not found: none.txt");
     EXPECT_EQ(call("PATCH", kFiles + "acme/obj.txt").status, 405);
     EXPECT_EQ(call("PUT", kFiles + "acme/h.txt", R"({"data":"x","content_type":"a\r\nX-Evil: 1"})")
                   .status,
@@ -133,7 +146,8 @@ TEST_P(StorageApiBehaviour, DeletingATenantKeepsItsFilesUnlessForced) {
     EXPECT_EQ(call("GET", kFiles + "wipe/f.txt").status, 404);
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, StorageApiBehaviour, ::testing::Values("filesystem", "memory"),
+INSTANTIATE_TEST_SUITE_P(Backends, StorageApiBehaviour,
+                         ::testing::Values("filesystem", "memory", "s3"),
                          [](const auto& info) { return std::string(info.param); });
 
 class StorageApiTest : public StorageApi, public ::testing::Test {};
