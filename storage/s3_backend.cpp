@@ -26,6 +26,11 @@ constexpr long kTimeoutSeconds = 30;
 // An error document is short; anything longer is cut, not collected.
 constexpr std::size_t kMaxErrorBody = 64 * 1024;
 constexpr int kPageSize = 1000;
+// Downloads up to this size stay in memory; larger ones go to a spool file.
+constexpr uint64_t kSpoolAbove = 1 << 20;
+// Fewer, larger reads and writes per transfer than libcurl's defaults.
+constexpr long kReceiveBuffer = 512 * 1024;
+constexpr long kSendBuffer = 1024 * 1024;
 const std::string kEmptyPayloadHash = calculateChecksum("");
 
 StorageResult succeeded() {
@@ -94,9 +99,13 @@ struct S3Backend::Response {
     std::string body;
     std::map<std::string, std::string> headers;  // names in lower case
     std::string transport_error;                 // set when no answer came
-    int sink = -1;
-    bool sink_failed = false;
-    uint64_t sunk = 0;
+    // A large 2xx body goes to this spool file instead of `body` when the
+    // call asked for it (spool_large).
+    bool spool_large = false;
+    bool spool_chosen = false;
+    bool spool_failed = false;
+    OpenedFile spool;
+    uint64_t spooled = 0;
 
     bool ok() const { return transport_error.empty() && status >= 200 && status < 300; }
 
@@ -135,7 +144,8 @@ struct S3Backend::Call {
     s3::Pairs query;
     s3::Pairs headers;
     std::string_view body;
-    int sink = -1;
+    std::string payload_hash;  // of `body`; computed when empty
+    bool spool_large = false;  // see Response::spool
 };
 
 namespace {
@@ -156,13 +166,15 @@ size_t readBody(char* buffer, size_t size, size_t count, void* cursor) {
 
 S3Backend::Response S3Backend::send(const Call& call) const {
     Response response;
-    response.sink = call.sink;
+    response.spool_large = call.spool_large;
 
     s3::RequestToSign request;
     request.method = call.method;
     request.path = s3::objectPath(bucket_, call.key);
     request.query = call.query;
-    request.payload_hash = call.body.empty() ? kEmptyPayloadHash : calculateChecksum(call.body);
+    request.payload_hash = !call.payload_hash.empty() ? call.payload_hash
+                           : call.body.empty()         ? kEmptyPayloadHash
+                                                       : calculateChecksum(call.body);
     request.timestamp = s3::currentTimestamp();
     request.headers = {{"host", host_},
                        {"x-amz-content-sha256", request.payload_hash},
@@ -174,12 +186,14 @@ S3Backend::Response S3Backend::send(const Call& call) const {
     if (!call.query.empty()) url += "?" + s3::canonicalQuery(call.query);
 
     std::string ignored;
-    CurlHandle handle = newCurlHandle(url, ignored, kTimeoutSeconds);
+    const CurlHandlePool::Lease handle = handles_->lease(url, ignored, kTimeoutSeconds);
     if (!handle) {
         response.transport_error = "Failed to initialize curl";
         return response;
     }
     CURL* curl = handle.get();
+    curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBuffer);
+    curl_easy_setopt(curl, CURLOPT_UPLOAD_BUFFERSIZE, kSendBuffer);
 
     curl_slist* list = nullptr;
     // A header that fails to append leaves the request unsigned for it; the
@@ -238,15 +252,27 @@ S3Backend::Response S3Backend::send(const Call& call) const {
                      +[](char* data, size_t size, size_t count, void* target) -> size_t {
                          auto* r = static_cast<Response*>(target);
                          const std::size_t n = size * count;
-                         if (r->sink >= 0 && r->status >= 200 && r->status < 300) {
-                             if (!writeAll(r->sink, data, n)) {
-                                 r->sink_failed = true;
+                         const bool ok = r->status >= 200 && r->status < 300;
+                         if (r->spool_large && ok && !r->spool_chosen) {
+                             r->spool_chosen = true;
+                             const auto length = r->headers.find("content-length");
+                             const bool small =
+                                 length != r->headers.end() &&
+                                 std::strtoull(length->second.c_str(), nullptr, 10) <= kSpoolAbove;
+                             if (!small) r->spool = OpenedFile(openSpoolFile(), 0);
+                             r->spool_failed = !small && r->spool.fd() < 0;
+                             if (small) r->body.reserve(std::strtoull(length->second.c_str(), nullptr, 10));
+                         }
+                         if (r->spool_failed) return 0;
+                         if (r->spool.fd() >= 0 && ok) {
+                             if (!writeAll(r->spool.fd(), data, n)) {
+                                 r->spool_failed = true;
                                  return 0;
                              }
-                             r->sunk += n;
+                             r->spooled += n;
                              return n;
                          }
-                         if (r->sink >= 0 && r->body.size() >= kMaxErrorBody) return n;
+                         if (r->spool_large && !ok && r->body.size() >= kMaxErrorBody) return n;
                          r->body.append(data, n);
                          return n;
                      });
@@ -255,8 +281,8 @@ S3Backend::Response S3Backend::send(const Call& call) const {
     const CURLcode code = curl_easy_perform(curl);
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.status);
     if (code != CURLE_OK) {
-        response.transport_error = response.sink_failed ? "cannot write the download to a spool file"
-                                                        : curl_easy_strerror(code);
+        response.transport_error = response.spool_failed ? "cannot write the download to a spool file"
+                                                         : curl_easy_strerror(code);
     }
     return response;
 }
@@ -287,6 +313,7 @@ bool S3Backend::initialize(const StorageServiceConfig& config) {
     host_ = scheme == std::string::npos ? endpoint_ : endpoint_.substr(scheme + 3);
     host_ = host_.substr(0, host_.find('/'));
 
+    handles_ = std::make_unique<CurlHandlePool>();
     usage_ = std::make_unique<ObjectUsageCache>(
         [this](const std::string& tenant, ObjectUsageCache::Objects& objects) {
             const std::string prefix = tenant + "/";
@@ -390,6 +417,8 @@ StorageResult S3Backend::write(const std::string& tenant, const std::string& pat
     call.method = "PUT";
     call.key = tenant + "/" + rel;
     call.body = data;
+    // The payload hash is the file's checksum: computed once for both.
+    call.payload_hash = calculateChecksum(data);
     const std::string type = content_type.empty() ? detectBasicContentType(path) : content_type;
     call.headers.emplace_back("Content-Type", type);
     for (const auto& [key, value] : metadata) {
@@ -399,7 +428,7 @@ StorageResult S3Backend::write(const std::string& tenant, const std::string& pat
             return StorageResult::failure(ErrorKind::Invalid, "Invalid metadata for S3: " + key);
         call.headers.emplace_back("x-amz-meta-" + key, value);
     }
-    const std::string checksum = calculateChecksum(data);
+    const std::string& checksum = call.payload_hash;
     call.headers.emplace_back("x-amz-meta-" + std::string(kChecksumMetadata), checksum);
 
     const Response response = send(call);
@@ -451,22 +480,23 @@ StorageResult S3Backend::read(const std::string& tenant, const std::string& path
 StorageResult S3Backend::openFile(const std::string& tenant, const std::string& path,
                                   OpenedFile& file) {
     const std::string rel = sanitizePath(path);
-    const int spool = openSpoolFile();
-    if (spool < 0)
-        return StorageResult::failure(ErrorKind::Internal,
-                                      "S3 GET failed: cannot create a spool file");
-    OpenedFile opened(spool, 0);
     Call call;
     call.key = tenant + "/" + rel;
-    call.sink = spool;
-    const Response response = send(call);
+    call.spool_large = true;
+    Response response = send(call);
     if (!response.ok()) return failedWith("S3 GET failed: ", response.kind(), response.detail());
-    if (::lseek(spool, 0, SEEK_SET) != 0)
-        return StorageResult::failure(ErrorKind::Internal, "S3 GET failed: cannot rewind the spool file");
     StorageResult result = succeeded();
     result.entry = describe(rel, response);
-    result.bytes_read = static_cast<int64_t>(response.sunk);
-    file = OpenedFile(opened.release(), response.sunk);
+    if (response.spool.fd() < 0) {  // small enough to have stayed in memory
+        result.data = std::move(response.body);
+        result.bytes_read = static_cast<int64_t>(result.data.size());
+        return result;
+    }
+    if (::lseek(response.spool.fd(), 0, SEEK_SET) != 0)
+        return StorageResult::failure(ErrorKind::Internal,
+                                      "S3 GET failed: cannot rewind the spool file");
+    result.bytes_read = static_cast<int64_t>(response.spooled);
+    file = OpenedFile(response.spool.release(), response.spooled);
     return result;
 }
 

@@ -15,8 +15,10 @@
 // never in memory; uploads are sent from the caller's buffer without a
 // copy. Tenant usage comes from an ObjectUsageCache (see there).
 //
-// Thread-safety: every request uses its own transport handle; the only
-// mutable state after initialize() is the usage cache, which guards itself.
+// Thread-safety: every request runs on a transport handle of its own, lent
+// by a pool that keeps idle handles with their open connections (so that a
+// request does not pay for a new one); the other mutable state after
+// initialize() is the usage cache. Both guard themselves.
 #pragma once
 
 #include <chrono>
@@ -27,6 +29,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/curl_handle.h"
 #include "storage/object_usage.h"
 #include "storage/s3_listing.h"
 #include "storage/s3_signer.h"
@@ -125,6 +128,8 @@ private:
     std::string access_key_;
     std::string secret_key_;
     std::string host_;
+    // Declared before usage_, whose listings use it, so it outlives them.
+    std::unique_ptr<CurlHandlePool> handles_;
     std::unique_ptr<ObjectUsageCache> usage_;
 };
 

@@ -1,13 +1,17 @@
 #include "tests/support/s3_test_server.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 
 #include "common/curl_handle.h"
 #include "storage/checksum.h"
 #include "storage/s3_signer.h"
+#include "tests/support/daemon_process.h"
 
 namespace vostra::test {
 
@@ -62,6 +66,37 @@ std::vector<std::string> S3TestServer::daemonArgs(const std::string& bucket) con
     return {"--storage-backend", "s3",          "--s3-endpoint",  endpoint(),
             "--s3-bucket",       bucket,        "--s3-access-key", access_key,
             "--s3-secret-key",   secret_key};
+}
+
+S3ServerProcess::S3ServerProcess(const std::string& dir, const std::string& access_key,
+                                 const std::string& secret_key,
+                                 const std::vector<std::string>& buckets, int port) {
+    std::string command = "S3_PORT=" + std::to_string(port) +
+                          " node --openssl-legacy-provider " VOSTRA_SOURCE_DIR
+                          "/tests/tools/s3_server.js '" +
+                          dir + "/objects' '" + access_key + "' '" + secret_key + "'";
+    for (const std::string& bucket : buckets)
+        command += " " + bucket;
+    command += " >" + dir + "/s3.out 2>" + dir + "/s3.err & echo $!";
+    pid_ = std::atoi(runCommand(command).c_str());
+    if (pid_ <= 0) return;
+    eventually(
+        [&] {
+            std::ifstream out(dir + "/s3.out");
+            std::string word;
+            out >> word >> port_;
+            return word == "port" && port_ > 0;
+        },
+        20000);
+}
+
+void S3ServerProcess::stop() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    // Not our child (the shell started it): wait until it is gone.
+    eventually([&] { return ::kill(pid_, 0) != 0; }, 10000);
+    pid_ = 0;
+    port_ = 0;
 }
 
 }  // namespace vostra::test
