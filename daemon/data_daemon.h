@@ -28,8 +28,10 @@
 #include <vector>
 
 #include "common/service_slot.h"
+#include "common/status.h"
 #include "daemon/client_threads.h"
 #include "daemon/data_daemon_config.h"
+#include "nfs/ganesha_records.h"
 
 namespace vostra::discovery {
 class ClusterDiscovery;
@@ -131,6 +133,25 @@ public:
     // and may adopt an embedding provider found there.
     void syncClusterResources();
 
+    // NFS sharing (api_nfs.cpp). The configuration lives in memory under
+    // one mutex; changes reach the host's Ganesha only through apply.
+    bool isNFSEnabled() const { return config_.nfs_enabled; }
+    bool isNFSRunning() const;
+    NFSConfiguration getNFSConfiguration() const;
+    // Replaces it whole, without validation.
+    void updateNFSConfiguration(NFSConfiguration config);
+    // False when the id is already there (add) or missing (remove).
+    bool addNFSExport(const GaneshaExportConfig& export_config);
+    bool removeNFSExport(int32_t export_id);
+    bool addRemoteMount(const RemoteDataWorkerMount& mount);
+    bool removeRemoteMount(const std::string& id);
+    std::string generateGaneshaConf() const;
+    // Validates, writes the generated file to `ganesha_conf_path` (whole or
+    // not at all) and reloads Ganesha; the failure says which step failed.
+    Status applyNFSConfiguration();
+    // {"enabled", "running", "metrics"}.
+    nlohmann::json getNFSMetrics() const;
+
     nlohmann::json getHealth() const;
     nlohmann::json getInfo() const;
     nlohmann::json getMetrics() const;
@@ -188,6 +209,7 @@ private:
     void handleStorage(const HttpRequest& request);
     void handleVectorApi(const HttpRequest& request);
     void handleVectorConfig(const HttpRequest& request);
+    void handleNFSApi(const HttpRequest& request);
     // The rows of the vector settings route, which works while the service
     // is off and alone starts and stops it.
     void getVectorConfig(const HttpRequest& request, const RouteParams& params);
@@ -239,6 +261,8 @@ private:
     // and change while the service is off; the mutex orders changes of
     // both, so two PUTs never interleave.
     vostra::ServiceSlot<VectorStorageService> vector_;
+    mutable std::mutex nfs_mutex_;
+    NFSConfiguration nfs_config_;
     std::unique_ptr<VectorStorageConfig> vector_config_;
     std::mutex vector_config_mutex_;
 };

@@ -34,6 +34,7 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "s3_secret_key", c.s3_secret_key);
     readField(json, "nfs_enabled", c.nfs_enabled);
     readField(json, "nfs_port", c.nfs_port);
+    readField(json, "ganesha_conf_path", c.ganesha_conf_path);
     readField(json, "agent_storage_enabled", c.agent_storage_enabled);
     readField(json, "agent_storage_source", c.agent_storage_source);
     readField(json, "vector_enabled", c.vector_enabled);

@@ -40,6 +40,8 @@ struct DataDaemonConfig {
     std::string s3_secret_key;
     bool nfs_enabled = false;
     int32_t nfs_port = 2049;
+    // Where POST /api/v1/nfs/apply writes the generated Ganesha configuration.
+    std::string ganesha_conf_path = "/etc/ganesha/ganesha.conf";
     bool agent_storage_enabled = false;
     std::string agent_storage_source;
     bool vector_enabled = false;

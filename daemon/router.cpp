@@ -38,6 +38,7 @@ void DataDaemon::dispatch(const HttpRequest& request) {
         {Match::Exact, "/api/v1/data/cluster-resources", &DataDaemon::handleClusterResources},
         {Match::Exact, "/api/v1/vector/config", &DataDaemon::handleVectorConfig},
         {Match::Prefix, "/api/v1/vector", &DataDaemon::handleVectorApi},
+        {Match::Prefix, "/api/v1/nfs", &DataDaemon::handleNFSApi},
         {Match::Exact, "/", &DataDaemon::handleRootRedirect},
     };
 

@@ -1,0 +1,222 @@
+// The NFS API under "/api/v1/nfs": the NFS-Ganesha configuration (whole,
+// exports, mounts of other workers), the generated "ganesha.conf", applying
+// it to the host's Ganesha, and status and metrics. The configuration lives
+// in the daemon's memory under one mutex and exists whether or not the
+// built-in NFS responder runs; changes reach Ganesha only through apply.
+#include <charconv>
+#include <nlohmann/json.hpp>
+
+#include "common/atomic_file.h"
+#include "common/json_fields.h"
+#include "common/log.h"
+#include "daemon/data_daemon.h"
+#include "daemon/http_message.h"
+#include "daemon/json_body.h"
+#include "daemon/route_table.h"
+#include "nfs/ganesha_config_generator.h"
+
+namespace vostra::data {
+namespace {
+
+using nlohmann::json;
+
+constexpr vostra::Log kLog("[DataDaemon] ");
+constexpr const char* kNotFound = "NFS endpoint not found";
+
+void getStatus(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
+    json status = {{"enabled", daemon.isNFSEnabled()}, {"running", daemon.isNFSRunning()}};
+    if (GaneshaConfigGenerator::isGaneshaInstalled())
+        status["ganesha_version"] = GaneshaConfigGenerator::getGaneshaVersion();
+    sendJson(request.fd, 200, status);
+}
+
+void getConfig(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
+    sendJson(request.fd, 200, daemon.getNFSConfiguration().toJson());
+}
+
+void putConfig(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
+    auto config = readJsonBody<NFSConfiguration>(request);
+    if (!config) return;
+    daemon.updateNFSConfiguration(std::move(*config));
+    sendJson(request.fd, 200, {{"status", "updated"}});
+}
+
+void listExports(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
+    sendJson(request.fd, 200, toJsonArray(daemon.getNFSConfiguration().exports));
+}
+
+void addExport(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
+    const auto added = readJsonBody<GaneshaExportConfig>(request);
+    if (!added) return;
+    if (!daemon.addNFSExport(*added)) {
+        sendError(request.fd, 400, "Export ID already exists");
+        return;
+    }
+    sendJson(request.fd, 201, {{"status", "created"}, {"export_id", added->export_id}});
+}
+
+// The id as a whole decimal number; anything else names no export.
+std::optional<int32_t> exportId(const std::string& text) {
+    int32_t id = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return id;
+}
+
+void deleteExport(DataDaemon& daemon, const HttpRequest& request, const RouteParams& params) {
+    const auto id = exportId(params.get("id"));
+    if (!id || !daemon.removeNFSExport(*id)) {
+        sendError(request.fd, 404, "Export not found");
+        return;
+    }
+    sendJson(request.fd, 200, {{"status", "deleted"}});
+}
+
+void listMounts(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
+    sendJson(request.fd, 200, toJsonArray(daemon.getNFSConfiguration().remote_mounts));
+}
+
+void addMount(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
+    const auto added = readJsonBody<RemoteDataWorkerMount>(request);
+    if (!added) return;
+    if (!daemon.addRemoteMount(*added)) {
+        sendError(request.fd, 400, "Mount ID already exists");
+        return;
+    }
+    sendJson(request.fd, 201, {{"status", "created"}, {"id", added->id}});
+}
+
+void getMountUnit(DataDaemon& daemon, const HttpRequest& request, const RouteParams& params) {
+    const std::string id = params.get("id");
+    for (const RemoteDataWorkerMount& mount : daemon.getNFSConfiguration().remote_mounts) {
+        if (mount.id == id) {
+            sendJson(request.fd, 200, {{"unit", mount.generateMountUnit()}});
+            return;
+        }
+    }
+    sendError(request.fd, 404, "Mount not found");
+}
+
+void deleteMount(DataDaemon& daemon, const HttpRequest& request, const RouteParams& params) {
+    if (!daemon.removeRemoteMount(params.get("id"))) {
+        sendError(request.fd, 404, "Mount not found");
+        return;
+    }
+    sendJson(request.fd, 200, {{"status", "deleted"}});
+}
+
+void getGaneshaConf(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
+    sendJson(request.fd, 200, {{"config", daemon.generateGaneshaConf()}});
+}
+
+void apply(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
+    if (const Status applied = daemon.applyNFSConfiguration(); !applied) {
+        sendJson(request.fd, 500,
+                 {{"error", "Failed to apply configuration"}, {"detail", applied.message}});
+        return;
+    }
+    sendJson(request.fd, 200, {{"status", "applied"}});
+}
+
+constexpr ServiceRoute<DataDaemon> kNfsRoutes[] = {
+    {"GET", "/api/v1/nfs/status", getStatus},
+    {"GET", "/api/v1/nfs/config", getConfig},
+    {"PUT", "/api/v1/nfs/config", putConfig},
+    {"GET", "/api/v1/nfs/exports", listExports},
+    {"POST", "/api/v1/nfs/exports", addExport},
+    {"DELETE", "/api/v1/nfs/exports/{id}", deleteExport},
+    {"GET", "/api/v1/nfs/mounts", listMounts},
+    {"POST", "/api/v1/nfs/mounts", addMount},
+    {"GET", "/api/v1/nfs/mounts/{id+}", getMountUnit},
+    {"DELETE", "/api/v1/nfs/mounts/{id+}", deleteMount},
+    {"GET", "/api/v1/nfs/ganesha-conf", getGaneshaConf},
+    {"POST", "/api/v1/nfs/apply", apply},
+};
+
+}  // namespace
+
+bool DataDaemon::isNFSRunning() const {
+    return false;  // the built-in responder is not part of this build yet
+}
+
+NFSConfiguration DataDaemon::getNFSConfiguration() const {
+    std::lock_guard lock(nfs_mutex_);
+    return nfs_config_;
+}
+
+void DataDaemon::updateNFSConfiguration(NFSConfiguration config) {
+    std::lock_guard lock(nfs_mutex_);
+    nfs_config_ = std::move(config);
+}
+
+bool DataDaemon::addNFSExport(const GaneshaExportConfig& export_config) {
+    std::lock_guard lock(nfs_mutex_);
+    for (const GaneshaExportConfig& existing : nfs_config_.exports)
+        if (existing.export_id == export_config.export_id) return false;
+    nfs_config_.exports.push_back(export_config);
+    return true;
+}
+
+bool DataDaemon::removeNFSExport(int32_t export_id) {
+    std::lock_guard lock(nfs_mutex_);
+    return std::erase_if(nfs_config_.exports, [&](const GaneshaExportConfig& e) {
+               return e.export_id == export_id;
+           }) > 0;
+}
+
+bool DataDaemon::addRemoteMount(const RemoteDataWorkerMount& mount) {
+    std::lock_guard lock(nfs_mutex_);
+    for (const RemoteDataWorkerMount& existing : nfs_config_.remote_mounts)
+        if (existing.id == mount.id) return false;
+    nfs_config_.remote_mounts.push_back(mount);
+    return true;
+}
+
+bool DataDaemon::removeRemoteMount(const std::string& id) {
+    std::lock_guard lock(nfs_mutex_);
+    return std::erase_if(nfs_config_.remote_mounts,
+                         [&](const RemoteDataWorkerMount& m) { return m.id == id; }) > 0;
+}
+
+std::string DataDaemon::generateGaneshaConf() const {
+    std::lock_guard lock(nfs_mutex_);
+    return GaneshaConfigGenerator::generateGaneshaConf(nfs_config_);
+}
+
+Status DataDaemon::applyNFSConfiguration() {
+    std::string text;
+    {
+        // Held only to read: the file and the reload come after.
+        std::lock_guard lock(nfs_mutex_);
+        std::string problem;
+        if (!GaneshaConfigGenerator::validateConfig(nfs_config_, problem))
+            return Status::failure(ErrorKind::Invalid, problem);
+        text = GaneshaConfigGenerator::generateGaneshaConf(nfs_config_);
+    }
+    const std::string& path = config_.ganesha_conf_path;
+    // Whole or not at all: Ganesha may reread the file at any moment.
+    if (const Status written = writeFileAtomically(path, text, 0644); !written) {
+        kLog.error("Cannot write to ", path);
+        return Status::failure(ErrorKind::Internal, "Cannot write to " + path + ": " + written.message);
+    }
+    if (!GaneshaConfigGenerator::reloadConfig())
+        return Status::failure(ErrorKind::Unavailable,
+                               "Configuration written to " + path + ", but Ganesha could not be reloaded");
+    return Status::success();
+}
+
+nlohmann::json DataDaemon::getNFSMetrics() const {
+    const json metrics = {{"active_connections", 0}, {"total_connections", 0},
+                          {"total_reads", 0},        {"total_writes", 0},
+                          {"bytes_read", 0},         {"bytes_written", 0},
+                          {"bytes_read_gb", 0.0},    {"bytes_written_gb", 0.0},
+                          {"errors", 0}};
+    return {{"enabled", isNFSEnabled()}, {"running", isNFSRunning()}, {"metrics", metrics}};
+}
+
+void DataDaemon::handleNFSApi(const HttpRequest& request) {
+    serveRoutes(*this, kNfsRoutes, request, kNotFound);
+}
+
+}  // namespace vostra::data
