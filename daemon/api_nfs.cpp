@@ -14,6 +14,8 @@
 #include "daemon/json_body.h"
 #include "daemon/route_table.h"
 #include "nfs/ganesha_config_generator.h"
+#include "nfs/nfs_server.h"
+#include "storage/storage_service.h"
 
 namespace vostra::data {
 namespace {
@@ -136,9 +138,29 @@ constexpr ServiceRoute<DataDaemon> kNfsRoutes[] = {
 
 }  // namespace
 
-bool DataDaemon::isNFSRunning() const {
-    return false;  // the built-in responder is not part of this build yet
+void DataDaemon::startNFS() {
+    NFSServerConfig nfs;
+    nfs.port = config_.nfs_port;
+    nfs.bind_address = config_.nfs_bind_address;
+    nfs.export_path = config_.nfs_export_path;
+    nfs.allowed_networks = config_.nfs_allowed_networks;
+    nfs.read_only = config_.nfs_read_only;
+    nfs.root_squash = config_.nfs_root_squash;
+    nfs.anonymous_uid = static_cast<uint32_t>(config_.nfs_anonymous_uid);
+    nfs.anonymous_gid = static_cast<uint32_t>(config_.nfs_anonymous_gid);
+    nfs.max_connections = config_.nfs_max_connections;
+    // The storage service lives until stop(), which stops this server first.
+    const StorageService* storage = nullptr;
+    storage_.with([&](StorageService& service) { storage = &service; }, [] {});
+    auto server = std::make_unique<NFSServer>(storage, config_.storage_path);
+    if (!server->initialize(nfs)) {
+        kLog.error("Failed to initialize NFS server");
+        return;
+    }
+    nfs_server_ = std::move(server);
 }
+
+bool DataDaemon::isNFSRunning() const { return nfs_server_ && nfs_server_->isRunning(); }
 
 NFSConfiguration DataDaemon::getNFSConfiguration() const {
     std::lock_guard lock(nfs_mutex_);
@@ -207,12 +229,22 @@ Status DataDaemon::applyNFSConfiguration() {
 }
 
 nlohmann::json DataDaemon::getNFSMetrics() const {
-    const json metrics = {{"active_connections", 0}, {"total_connections", 0},
-                          {"total_reads", 0},        {"total_writes", 0},
-                          {"bytes_read", 0},         {"bytes_written", 0},
-                          {"bytes_read_gb", 0.0},    {"bytes_written_gb", 0.0},
-                          {"errors", 0}};
+    json metrics = nfs_server_ ? nfs_server_->metricsJson()
+                               : json{{"active_connections", 0}, {"total_connections", 0},
+                                      {"total_reads", 0},        {"total_writes", 0},
+                                      {"bytes_read", 0},         {"bytes_written", 0},
+                                      {"bytes_read_gb", 0.0},    {"bytes_written_gb", 0.0},
+                                      {"errors", 0}};
     return {{"enabled", isNFSEnabled()}, {"running", isNFSRunning()}, {"metrics", metrics}};
+}
+
+std::string DataDaemon::generateNFSExports() const {
+    return nfs_server_ ? nfs_server_->generateExportsFile() : "# NFS server not initialized\n";
+}
+
+std::string DataDaemon::generateNFSMountUnit(const std::string& host,
+                                             const std::string& mount_point) const {
+    return nfs_server_ ? nfs_server_->generateMountUnit(host, mount_point) : std::string();
 }
 
 void DataDaemon::handleNFSApi(const HttpRequest& request) {

@@ -13,6 +13,7 @@
 #include "connectors/data_source_registry.h"
 #include "daemon/connection_reader.h"
 #include "daemon/identity.h"
+#include "nfs/nfs_server.h"
 #include "storage/storage_service.h"
 #include "vector/vector_storage_service.h"
 
@@ -55,6 +56,7 @@ bool DataDaemon::initialize(const DataDaemonConfig& config) {
     ip_address_ = getLocalIP();
 
     if (config_.storage_enabled) startStorage();
+    if (config_.nfs_enabled) startNFS();
     startVector();
 
     if (!config_.data_dir.empty()) {
@@ -102,6 +104,12 @@ bool DataDaemon::start() {
     command_thread_ = std::thread(&DataDaemon::commandLoop, this);
     http_thread_ = std::thread(&DataDaemon::httpServerLoop, this);
     model_scan_thread_ = std::thread(&DataDaemon::modelScanLoop, this);
+    if (nfs_server_) {
+        if (nfs_server_->start())
+            kLog.info("NFS server started on port ", nfs_server_->port());
+        else
+            kLog.error("Failed to start NFS server");
+    }
 
     kLog.info("Started on ", config_.bind_address, ":", config_.port);
     return true;
@@ -136,6 +144,7 @@ void DataDaemon::stop() {
     if (left_open >= 0) close(left_open);
     client_threads_.releaseIdle();
 
+    if (nfs_server_) nfs_server_->stop();
     // Requests still running finish first: a slot waits for them.
     vector_.reset();
     storage_.reset();

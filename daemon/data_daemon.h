@@ -61,6 +61,8 @@ struct TenantUsage;
 class VectorStorageService;
 struct VectorStorageConfig;
 
+class NFSServer;
+
 class DataDaemon {
 public:
     // The process-wide instance. It is never destroyed: detached client
@@ -151,6 +153,9 @@ public:
     Status applyNFSConfiguration();
     // {"enabled", "running", "metrics"}.
     nlohmann::json getNFSMetrics() const;
+    // The built-in responder's kernel-NFS exports file and mount unit.
+    std::string generateNFSExports() const;
+    std::string generateNFSMountUnit(const std::string& host, const std::string& mount_point) const;
 
     nlohmann::json getHealth() const;
     nlohmann::json getInfo() const;
@@ -193,6 +198,7 @@ private:
     // each fills its slot or prints why not.
     void startStorage();
     void startVector();
+    void startNFS();
     // A started vector service for `config`, or null after printing why not.
     static std::unique_ptr<VectorStorageService> makeVectorService(
         const VectorStorageConfig& config);
@@ -263,6 +269,9 @@ private:
     vostra::ServiceSlot<VectorStorageService> vector_;
     mutable std::mutex nfs_mutex_;
     NFSConfiguration nfs_config_;
+    // The built-in NFS responder, present when NFS is enabled; it borrows
+    // the storage service, so it stops before storage does.
+    std::unique_ptr<NFSServer> nfs_server_;
     std::unique_ptr<VectorStorageConfig> vector_config_;
     std::mutex vector_config_mutex_;
 };

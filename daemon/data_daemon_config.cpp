@@ -35,6 +35,14 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "nfs_enabled", c.nfs_enabled);
     readField(json, "nfs_port", c.nfs_port);
     readField(json, "ganesha_conf_path", c.ganesha_conf_path);
+    readField(json, "nfs_bind_address", c.nfs_bind_address);
+    readField(json, "nfs_export_path", c.nfs_export_path);
+    readField(json, "nfs_allowed_networks", c.nfs_allowed_networks);
+    readField(json, "nfs_read_only", c.nfs_read_only);
+    readField(json, "nfs_root_squash", c.nfs_root_squash);
+    readField(json, "nfs_anonymous_uid", c.nfs_anonymous_uid);
+    readField(json, "nfs_anonymous_gid", c.nfs_anonymous_gid);
+    readField(json, "nfs_max_connections", c.nfs_max_connections);
     readField(json, "agent_storage_enabled", c.agent_storage_enabled);
     readField(json, "agent_storage_source", c.agent_storage_source);
     readField(json, "vector_enabled", c.vector_enabled);

@@ -40,6 +40,15 @@ struct DataDaemonConfig {
     std::string s3_secret_key;
     bool nfs_enabled = false;
     int32_t nfs_port = 2049;
+    // The built-in NFS responder (--nfs): what it serves and to whom.
+    std::string nfs_bind_address = "0.0.0.0";
+    std::string nfs_export_path;  // empty: storage_path
+    std::vector<std::string> nfs_allowed_networks;  // empty: everyone
+    bool nfs_read_only = false;
+    bool nfs_root_squash = true;
+    int32_t nfs_anonymous_uid = 65534;
+    int32_t nfs_anonymous_gid = 65534;
+    int32_t nfs_max_connections = 64;
     // Where POST /api/v1/nfs/apply writes the generated Ganesha configuration.
     std::string ganesha_conf_path = "/etc/ganesha/ganesha.conf";
     bool agent_storage_enabled = false;

@@ -13,7 +13,7 @@ test_packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 wrk nginx
   postgresql postgresql-client mariadb-server mariadb-client
-  python3-boto3
+  python3-boto3 libnfs-utils libnfs-dev
 )
 
 case "${1:-build}" in
