@@ -75,6 +75,23 @@ void deleteExport(DataDaemon& daemon, const HttpRequest& request, const RoutePar
     sendJson(request.fd, 200, {{"status", "deleted"}});
 }
 
+// Replaces the exports with a root export of the tenants folder and one
+// per tenant, each with the client rules of the body's "clients".
+void exportTenants(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
+    const auto body = readJsonObject(request);
+    if (!body) return;
+    std::vector<GaneshaClientConfig> clients;
+    if (auto it = body->find("clients"); it != body->end())
+        for (const json& rule : it->get<std::vector<json>>())
+            clients.push_back(GaneshaClientConfig::fromJson(rule));
+    const auto exports = daemon.deriveNFSExportsFromTenants(clients);
+    if (!exports) {
+        sendError(request.fd, 503, StorageService::kNotAvailable);
+        return;
+    }
+    sendJson(request.fd, 200, toJsonArray(*exports));
+}
+
 void listMounts(DataDaemon& daemon, const HttpRequest& request, const RouteParams&) {
     sendJson(request.fd, 200, toJsonArray(daemon.getNFSConfiguration().remote_mounts));
 }
@@ -127,6 +144,7 @@ constexpr ServiceRoute<DataDaemon> kNfsRoutes[] = {
     {"PUT", "/api/v1/nfs/config", putConfig},
     {"GET", "/api/v1/nfs/exports", listExports},
     {"POST", "/api/v1/nfs/exports", addExport},
+    {"POST", "/api/v1/nfs/exports/tenants", exportTenants},
     {"DELETE", "/api/v1/nfs/exports/{id}", deleteExport},
     {"GET", "/api/v1/nfs/mounts", listMounts},
     {"POST", "/api/v1/nfs/mounts", addMount},
@@ -199,6 +217,22 @@ bool DataDaemon::removeRemoteMount(const std::string& id) {
     std::lock_guard lock(nfs_mutex_);
     return std::erase_if(nfs_config_.remote_mounts,
                          [&](const RemoteDataWorkerMount& m) { return m.id == id; }) > 0;
+}
+
+std::optional<std::vector<GaneshaExportConfig>> DataDaemon::deriveNFSExportsFromTenants(
+    const std::vector<GaneshaClientConfig>& clients) {
+    std::optional<std::vector<GaneshaExportConfig>> exports;
+    // The folders where the tenants' files really are.
+    storage_.with(
+        [&](StorageService& storage) {
+            exports = GaneshaConfigGenerator::generateExportsFromTenants(
+                storage, config_.storage_path + "/tenants", clients);
+        },
+        [] {});
+    if (!exports) return exports;
+    std::lock_guard lock(nfs_mutex_);
+    nfs_config_.exports = *exports;
+    return exports;
 }
 
 std::string DataDaemon::generateGaneshaConf() const {

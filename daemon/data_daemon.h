@@ -145,6 +145,10 @@ public:
     // False when the id is already there (add) or missing (remove).
     bool addNFSExport(const GaneshaExportConfig& export_config);
     bool removeNFSExport(int32_t export_id);
+    // Replaces the exports with those of generateExportsFromTenants over
+    // the storage's tenants folder; nothing without a storage service.
+    std::optional<std::vector<GaneshaExportConfig>> deriveNFSExportsFromTenants(
+        const std::vector<GaneshaClientConfig>& clients);
     bool addRemoteMount(const RemoteDataWorkerMount& mount);
     bool removeRemoteMount(const std::string& id);
     std::string generateGaneshaConf() const;

@@ -57,6 +57,20 @@ TEST_F(NfsRoutes, ExportsAndMountsStayUniqueByTheirIds) {
     EXPECT_EQ(call("DELETE", mounts + "/w2").outcome(), "404 Mount not found");
 }
 
+TEST_F(NfsRoutes, TenantExportsPointAtTheTenantsFolders) {
+    ASSERT_EQ(call("POST", "/api/v1/tenants", R"({"id":"acme"})").status, 201);
+    const json exports =
+        call("POST", "/api/v1/nfs/exports/tenants", R"({"clients":[{"clients":"10.0.0.0/8"}]})")
+            .json();
+    ASSERT_EQ(exports.size(), 3u);  // root, acme, default
+    const std::string tenants = daemon_.dir() + "/storage/tenants";
+    EXPECT_EQ(exports[0]["path"], tenants);
+    EXPECT_EQ(exports[1]["path"], tenants + "/acme");
+    EXPECT_EQ(exports[1]["export_id"], 100);
+    EXPECT_EQ(exports[2]["clients"][0]["clients"], "10.0.0.0/8");
+    EXPECT_EQ(call("GET", "/api/v1/nfs/exports").json(), exports);
+}
+
 TEST_F(NfsRoutes, WholeConfigurationStatusAndUnknownPaths) {
     const json config = {{"enabled", true},
                          {"global", {{"nfs_port", 12049}, {"domain_name", "lab"}}},
