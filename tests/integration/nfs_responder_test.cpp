@@ -87,6 +87,9 @@ TEST_F(NfsResponder, ClientToolsListReadAndCopyTheTenantsFiles) {
 
 TEST_F(NfsResponder, ClientMakesRenamesAndRemovesFilesAndFolders) {
     start();
+    const auto status = request(daemon_->port(), "GET", "/api/v1/nfs/status").json();
+    EXPECT_EQ(status["enabled"], true);
+    EXPECT_EQ(status["running"], true);
     nfs_context* nfs = nfs_init_context();
     ASSERT_NE(nfs, nullptr);
     const std::string mount_url = "nfs://127.0.0.1" + tenant_ + "?version=3&nfsport=" +
