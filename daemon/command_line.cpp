@@ -33,6 +33,8 @@ enum LongOnly {
     kS3Region,
     kS3AccessKey,
     kS3SecretKey,
+    kGitPath,
+    kNoGit,
 };
 
 const option kLongOptions[] = {
@@ -63,6 +65,8 @@ const option kLongOptions[] = {
     {"s3-region", required_argument, nullptr, kS3Region},
     {"s3-access-key", required_argument, nullptr, kS3AccessKey},
     {"s3-secret-key", required_argument, nullptr, kS3SecretKey},
+    {"git-path", required_argument, nullptr, kGitPath},
+    {"no-git", no_argument, nullptr, kNoGit},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -128,6 +132,8 @@ CommandLine parseCommandLine(int argc, char* argv[]) {
             case kS3Region: config.s3_region = optarg; break;
             case kS3AccessKey: config.s3_access_key = optarg; break;
             case kS3SecretKey: config.s3_secret_key = optarg; break;
+            case kGitPath: config.git_path = optarg; break;
+            case kNoGit: config.git_enabled = false; break;
             case 'V':
                 printVersion();
                 line.exit_status = 0;
@@ -198,6 +204,8 @@ void printUsage(const char* argv0) {
                  "  --s3-access-key KEY     S3 access key (default: AWS_ACCESS_KEY_ID)\n"
                  "  --s3-secret-key SECRET  S3 secret key (default: AWS_SECRET_ACCESS_KEY)\n"
                  "  --no-storage            Disable storage service\n"
+                 "  --git-path PATH         Git working copies (default: /var/lib/vostra/git)\n"
+                 "  --no-git                Disable git repository storage\n"
                  "  --nfs                   Enable NFS server\n"
                  "  --nfs-port PORT         NFS port (default: 2049)\n"
                  "  --agent-storage         Enable unified agent storage\n"

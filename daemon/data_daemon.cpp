@@ -13,6 +13,8 @@
 #include "connectors/data_source_registry.h"
 #include "daemon/connection_reader.h"
 #include "daemon/identity.h"
+#include "git/git_forge_manager.h"
+#include "git/repo_records.h"
 #include "nfs/nfs_server.h"
 #include "storage/storage_service.h"
 #include "vector/vector_storage_service.h"
@@ -25,6 +27,7 @@ constexpr vostra::Log kLog("[DataDaemon] ");
 constexpr int64_t kSliceMs = 500;
 constexpr int64_t kModelScanPeriodMs = 60 * 1000;
 constexpr const char* kSourcesFile = "data_sources.json";
+constexpr const char* kForgesFile = "forges.json";
 
 void joinIfJoinable(std::thread& thread) {
     if (thread.joinable()) thread.join();
@@ -41,6 +44,7 @@ DataDaemon::DataDaemon()
     : registry_(std::make_unique<DataSourceRegistry>()),
       discovery_(std::make_unique<discovery::ClusterDiscovery>()),
       agent_storage_(std::make_unique<AgentStorage>()),
+      forges_(std::make_shared<git::GitForgeManager>()),
       vector_config_(std::make_unique<VectorStorageConfig>()) {
     reader_ = std::make_unique<ConnectionReader>(
         ConnectionReader::Limits{}, [this](HttpRequest&& request) { serveAdopted(std::move(request)); });
@@ -72,6 +76,14 @@ bool DataDaemon::initialize(const DataDaemonConfig& config) {
         if (restored > 0) kLog.info("Restored ", restored, " data sources from ", config_.data_dir);
     }
     if (config_.agent_storage_enabled) initAgentStorage();
+
+    forges_file_ = !config_.forges_file.empty() ? config_.forges_file
+                   : !config_.data_dir.empty()
+                       ? (std::filesystem::path(config_.data_dir) / kForgesFile).string()
+                       : (std::filesystem::path(config_.git_path) / kForgesFile).string();
+    if (!forges_->loadConfig(forges_file_))
+        kLog.error("Cannot read forge accounts from ", forges_file_);
+    if (config_.git_enabled) startGit();
 
     // The back-off before a re-registration ends early when the daemon stops.
     controller_ = std::make_unique<ControllerClient>(
@@ -147,6 +159,7 @@ void DataDaemon::stop() {
     if (nfs_server_) nfs_server_->stop();
     // Requests still running finish first: a slot waits for them.
     vector_.reset();
+    git_.reset();
     storage_.reset();
 
     registry_->clear();

@@ -36,6 +36,9 @@
 namespace vostra::discovery {
 class ClusterDiscovery;
 }
+namespace vostra::git {
+class GitForgeManager;
+}
 
 namespace vostra::data {
 
@@ -62,6 +65,7 @@ class VectorStorageService;
 struct VectorStorageConfig;
 
 class NFSServer;
+struct GitService;
 
 class DataDaemon {
 public:
@@ -135,6 +139,8 @@ public:
     // and may adopt an embedding provider found there.
     void syncClusterResources();
 
+    // Git repositories and forge accounts are served by api_git.cpp alone.
+
     // NFS sharing (api_nfs.cpp). The configuration lives in memory under
     // one mutex; changes reach the host's Ganesha only through apply.
     bool isNFSEnabled() const { return config_.nfs_enabled; }
@@ -203,6 +209,7 @@ private:
     void startStorage();
     void startVector();
     void startNFS();
+    void startGit();
     // A started vector service for `config`, or null after printing why not.
     static std::unique_ptr<VectorStorageService> makeVectorService(
         const VectorStorageConfig& config);
@@ -220,6 +227,7 @@ private:
     void handleVectorApi(const HttpRequest& request);
     void handleVectorConfig(const HttpRequest& request);
     void handleNFSApi(const HttpRequest& request);
+    void handleGitApi(const HttpRequest& request);
     // The rows of the vector settings route, which works while the service
     // is off and alone starts and stops it.
     void getVectorConfig(const HttpRequest& request, const RouteParams& params);
@@ -276,6 +284,13 @@ private:
     // The built-in NFS responder, present when NFS is enabled; it borrows
     // the storage service, so it stops before storage does.
     std::unique_ptr<NFSServer> nfs_server_;
+    // Forge accounts exist without git storage (clients of forges alone);
+    // the file they are saved to is fixed at startGit().
+    std::shared_ptr<git::GitForgeManager> forges_;
+    std::string forges_file_;
+    // Git working copies and the route records; empty when git is off or
+    // its folder is unusable.
+    vostra::ServiceSlot<GitService> git_;
     std::unique_ptr<VectorStorageConfig> vector_config_;
     std::mutex vector_config_mutex_;
 };

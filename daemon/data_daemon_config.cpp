@@ -54,6 +54,14 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "config_timestamp", c.config_timestamp);
     readField(json, "max_connections", c.max_connections);
     readField(json, "max_waiting_connections", c.max_waiting_connections);
+    readField(json, "git_enabled", c.git_enabled);
+    readField(json, "git_path", c.git_path);
+    readField(json, "forges_file", c.forges_file);
+    readField(json, "git_blocked_domains", c.git_blocked_domains);
+    readField(json, "git_max_repos_per_tenant", c.git_max_repos_per_tenant);
+    readField(json, "git_max_storage_per_tenant", c.git_max_storage_per_tenant);
+    readField(json, "git_auto_sync_interval_minutes", c.git_auto_sync_interval_minutes);
+    readField(json, "git_clone_timeout_seconds", c.git_clone_timeout_seconds);
     return c;
 }
 

@@ -66,6 +66,17 @@ struct DataDaemonConfig {
     // Connections still sending their request, held by the event-driven
     // reader at a few hundred bytes each; one more is answered 503.
     int32_t max_waiting_connections = 10000;
+    // Git repositories: working copies under git_path (created on the first
+    // clone), forge accounts with their tokens in forges_file (mode 0600;
+    // empty: "forges.json" in data_dir, else in git_path).
+    bool git_enabled = true;
+    std::string git_path = "/var/lib/vostra/git";
+    std::string forges_file;
+    std::vector<std::string> git_blocked_domains;
+    int32_t git_max_repos_per_tenant = 100;
+    int64_t git_max_storage_per_tenant = 10LL << 30;
+    int32_t git_auto_sync_interval_minutes = 60;
+    int32_t git_clone_timeout_seconds = 600;
 
     // Starts from the defaults and assigns only the keys present in `json`.
     // A present key of the wrong JSON type throws nlohmann::json::type_error.

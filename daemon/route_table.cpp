@@ -39,6 +39,29 @@ std::string percentDecode(std::string_view text) {
     return out;
 }
 
+std::string_view pathWithoutQuery(std::string_view path) {
+    return path.substr(0, path.find('?'));
+}
+
+std::string queryParameter(std::string_view path, std::string_view name,
+                           std::string_view fallback) {
+    const std::size_t mark = path.find('?');
+    if (mark == std::string_view::npos) return std::string(fallback);
+    std::string_view query = path.substr(mark + 1);
+    while (!query.empty()) {
+        const std::size_t cut = query.find('&');
+        std::string_view pair = query.substr(0, cut);
+        query = cut == std::string_view::npos ? std::string_view() : query.substr(cut + 1);
+        const std::size_t equals = pair.find('=');
+        std::string key = percentDecode(pair.substr(0, equals));
+        if (key != name) continue;
+        std::string value(equals == std::string_view::npos ? std::string_view() : pair.substr(equals + 1));
+        std::replace(value.begin(), value.end(), '+', ' ');
+        return percentDecode(value);
+    }
+    return std::string(fallback);
+}
+
 bool matchRoute(std::string_view pattern, std::string_view path, RouteParams& params) {
     // Both start with "/"; compare segment by segment after it.
     if (pattern.empty() || path.empty() || pattern[0] != '/' || path[0] != '/')

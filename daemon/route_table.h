@@ -52,6 +52,15 @@ private:
 // else, a lone "%" included, is kept as it stands.
 std::string percentDecode(std::string_view text);
 
+// The value of query parameter `name` in a path as received ("a=1&b=x"
+// after its "?"), percent-decoded with "+" read as a blank; `fallback` when
+// absent.
+std::string queryParameter(std::string_view path, std::string_view name,
+                           std::string_view fallback = {});
+
+// `path` without its query string.
+std::string_view pathWithoutQuery(std::string_view path);
+
 // Whether `path` fits `pattern`; fills `params` when it does.
 bool matchRoute(std::string_view pattern, std::string_view path, RouteParams& params);
 

@@ -39,6 +39,7 @@ void DataDaemon::dispatch(const HttpRequest& request) {
         {Match::Exact, "/api/v1/vector/config", &DataDaemon::handleVectorConfig},
         {Match::Prefix, "/api/v1/vector", &DataDaemon::handleVectorApi},
         {Match::Prefix, "/api/v1/nfs", &DataDaemon::handleNFSApi},
+        {Match::Prefix, "/api/v1/git", &DataDaemon::handleGitApi},
         {Match::Exact, "/", &DataDaemon::handleRootRedirect},
     };
 

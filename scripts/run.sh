@@ -11,4 +11,4 @@ cmake --build "$root/build/release" --target vostra-datad -j "$(nproc)"
 mkdir -p "$root/var/storage" "$root/var/data"
 echo "vostra-datad listens on http://0.0.0.0:8892 unless -p or --config says otherwise (try: curl http://localhost:8892/health)"
 exec "$root/build/release/daemon/vostra-datad" \
-  --storage-path "$root/var/storage" --data-dir "$root/var/data" "$@"
+  --storage-path "$root/var/storage" --data-dir "$root/var/data" --git-path "$root/var/git" "$@"

@@ -158,10 +158,11 @@ void DaemonProcess::launch(const std::vector<std::string>& extra_args, const nlo
     for (int attempt = 0; attempt < 3; ++attempt) {
         port_ = freePort();
         std::vector<std::string> args = {"-p", std::to_string(port_), "--storage-path",
-                                         dir_ + "/storage"};
+                                         dir_ + "/storage", "--git-path", dir_ + "/git"};
         if (!config.is_null()) {
             nlohmann::json file = {{"storage_path", dir_ + "/storage"},
-                                   {"vector_path", dir_ + "/vectors"}};
+                                   {"vector_path", dir_ + "/vectors"},
+                                   {"git_path", dir_ + "/git"}};
             file.update(config);
             file["port"] = port_;
             std::ofstream(dir_ + "/config.json") << file;

@@ -47,9 +47,10 @@ struct ConfigFile {
 
 class DaemonProcess {
 public:
-    // Starts the daemon with "-p <free port> --storage-path <dir>/storage"
-    // followed by `extra_args` (later options win). When `wait_ready`, blocks
-    // until /health answers or the process dies; check ready().
+    // Starts the daemon with "-p <free port> --storage-path <dir>/storage
+    // --git-path <dir>/git" followed by `extra_args` (later options win).
+    // When `wait_ready`, blocks until /health answers or the process dies;
+    // check ready().
     explicit DaemonProcess(std::vector<std::string> extra_args = {}, bool wait_ready = true);
     // Starts it with "--config" alone (some settings have no option), the
     // file holding the settings plus this daemon's port and, unless given,

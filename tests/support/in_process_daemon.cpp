@@ -14,6 +14,7 @@ InProcessDaemon::InProcessDaemon(const std::function<void(data::DataDaemonConfig
     data::DataDaemonConfig config;
     config.storage_path = dir_ + "/storage";
     config.vector_path = dir_ + "/vectors";
+    config.git_path = dir_ + "/git";
     if (adjust) adjust(config);
     initialized_ = daemon_->initialize(config);
 }
