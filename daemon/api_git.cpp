@@ -367,12 +367,7 @@ void DataDaemon::startGit() {
 
 void DataDaemon::handleGitApi(const HttpRequest& request) {
     // Rows are matched without the query string, which the history rows read.
-    HttpRequest routed;
-    routed.fd = request.fd;
-    routed.method = request.method;
-    routed.path = std::string(pathWithoutQuery(request.path));
-    routed.raw = request.raw;
-    routed.body = std::move(request.body);
+    const HttpRequest routed = withoutQuery(request);
     const std::string_view not_found =
         routed.path.starts_with(kReposPrefix) ? kRepoEndpointNotFound : kGitNotFound;
     const std::string tenant = currentTenant().tenant_id;

@@ -35,6 +35,7 @@ enum LongOnly {
     kS3SecretKey,
     kGitPath,
     kNoGit,
+    kModelDir,
 };
 
 const option kLongOptions[] = {
@@ -67,6 +68,7 @@ const option kLongOptions[] = {
     {"s3-secret-key", required_argument, nullptr, kS3SecretKey},
     {"git-path", required_argument, nullptr, kGitPath},
     {"no-git", no_argument, nullptr, kNoGit},
+    {"model-dir", required_argument, nullptr, kModelDir},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -134,6 +136,7 @@ CommandLine parseCommandLine(int argc, char* argv[]) {
             case kS3SecretKey: config.s3_secret_key = optarg; break;
             case kGitPath: config.git_path = optarg; break;
             case kNoGit: config.git_enabled = false; break;
+            case kModelDir: config.model_dirs.emplace_back(optarg); break;
             case 'V':
                 printVersion();
                 line.exit_status = 0;
@@ -206,6 +209,7 @@ void printUsage(const char* argv0) {
                  "  --no-storage            Disable storage service\n"
                  "  --git-path PATH         Git working copies (default: /var/lib/vostra/git)\n"
                  "  --no-git                Disable git repository storage\n"
+                 "  --model-dir DIR         Also scan DIR for model files (repeatable)\n"
                  "  --nfs                   Enable NFS server\n"
                  "  --nfs-port PORT         NFS port (default: 2049)\n"
                  "  --agent-storage         Enable unified agent storage\n"

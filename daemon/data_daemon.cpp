@@ -15,6 +15,7 @@
 #include "daemon/identity.h"
 #include "git/git_forge_manager.h"
 #include "git/repo_records.h"
+#include "models/model_registry.h"
 #include "nfs/nfs_server.h"
 #include "storage/storage_service.h"
 #include "vector/vector_storage_service.h"
@@ -84,6 +85,7 @@ bool DataDaemon::initialize(const DataDaemonConfig& config) {
     if (!forges_->loadConfig(forges_file_))
         kLog.error("Cannot read forge accounts from ", forges_file_);
     if (config_.git_enabled) startGit();
+    startModels();
 
     // The back-off before a re-registration ends early when the daemon stops.
     controller_ = std::make_unique<ControllerClient>(
@@ -206,7 +208,9 @@ void DataDaemon::commandLoop() {
 }
 
 void DataDaemon::modelScanLoop() {
-    while (running_.load()) sleepWhileRunning(kModelScanPeriodMs);
+    do {
+        scanModelFiles();
+    } while (sleepWhileRunning(kModelScanPeriodMs));
 }
 
 uint64_t DataDaemon::uptimeSeconds() const {

@@ -66,6 +66,7 @@ struct VectorStorageConfig;
 
 class NFSServer;
 struct GitService;
+class ModelRegistry;
 
 class DataDaemon {
 public:
@@ -141,6 +142,10 @@ public:
 
     // Git repositories and forge accounts are served by api_git.cpp alone.
 
+    // One walk of the model folders (api_models.cpp); the model-scan loop
+    // calls it every minute.
+    void scanModelFiles();
+
     // NFS sharing (api_nfs.cpp). The configuration lives in memory under
     // one mutex; changes reach the host's Ganesha only through apply.
     bool isNFSEnabled() const { return config_.nfs_enabled; }
@@ -210,6 +215,7 @@ private:
     void startVector();
     void startNFS();
     void startGit();
+    void startModels();
     // A started vector service for `config`, or null after printing why not.
     static std::unique_ptr<VectorStorageService> makeVectorService(
         const VectorStorageConfig& config);
@@ -228,6 +234,7 @@ private:
     void handleVectorConfig(const HttpRequest& request);
     void handleNFSApi(const HttpRequest& request);
     void handleGitApi(const HttpRequest& request);
+    void handleModelsApi(const HttpRequest& request);
     // The rows of the vector settings route, which works while the service
     // is off and alone starts and stops it.
     void getVectorConfig(const HttpRequest& request, const RouteParams& params);
@@ -291,6 +298,9 @@ private:
     // Git working copies and the route records; empty when git is off or
     // its folder is unusable.
     vostra::ServiceSlot<GitService> git_;
+    // The model files of the model folders; made at initialize() and kept
+    // to the end (a scan and the routes use it from their own threads).
+    std::unique_ptr<ModelRegistry> models_;
     std::unique_ptr<VectorStorageConfig> vector_config_;
     std::mutex vector_config_mutex_;
 };

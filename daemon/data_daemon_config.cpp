@@ -62,6 +62,8 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "git_max_storage_per_tenant", c.git_max_storage_per_tenant);
     readField(json, "git_auto_sync_interval_minutes", c.git_auto_sync_interval_minutes);
     readField(json, "git_clone_timeout_seconds", c.git_clone_timeout_seconds);
+    readField(json, "model_dirs", c.model_dirs);
+    readField(json, "models_registry_file", c.models_registry_file);
     return c;
 }
 

@@ -77,6 +77,11 @@ struct DataDaemonConfig {
     int64_t git_max_storage_per_tenant = 10LL << 30;
     int32_t git_auto_sync_interval_minutes = 60;
     int32_t git_clone_timeout_seconds = 600;
+    // Model files: folders walked besides the usual ones and the storage's
+    // "models" folder; the registry file (empty: "models_registry.json" in
+    // data_dir, else in the storage's "system" folder).
+    std::vector<std::string> model_dirs;
+    std::string models_registry_file;
 
     // Starts from the defaults and assigns only the keys present in `json`.
     // A present key of the wrong JSON type throws nlohmann::json::type_error.

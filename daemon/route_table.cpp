@@ -43,6 +43,16 @@ std::string_view pathWithoutQuery(std::string_view path) {
     return path.substr(0, path.find('?'));
 }
 
+HttpRequest withoutQuery(const HttpRequest& request) {
+    HttpRequest routed;
+    routed.fd = request.fd;
+    routed.method = request.method;
+    routed.path = std::string(pathWithoutQuery(request.path));
+    routed.raw = request.raw;
+    routed.body = std::move(request.body);
+    return routed;
+}
+
 std::string queryParameter(std::string_view path, std::string_view name,
                            std::string_view fallback) {
     const std::size_t mark = path.find('?');

@@ -61,6 +61,10 @@ std::string queryParameter(std::string_view path, std::string_view name,
 // `path` without its query string.
 std::string_view pathWithoutQuery(std::string_view path);
 
+// `request` for matching rows that must not see the query string (the
+// handler then reads it from the original path); the body is moved over.
+HttpRequest withoutQuery(const HttpRequest& request);
+
 // Whether `path` fits `pattern`; fills `params` when it does.
 bool matchRoute(std::string_view pattern, std::string_view path, RouteParams& params);
 

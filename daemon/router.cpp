@@ -40,6 +40,7 @@ void DataDaemon::dispatch(const HttpRequest& request) {
         {Match::Prefix, "/api/v1/vector", &DataDaemon::handleVectorApi},
         {Match::Prefix, "/api/v1/nfs", &DataDaemon::handleNFSApi},
         {Match::Prefix, "/api/v1/git", &DataDaemon::handleGitApi},
+        {Match::Prefix, "/api/v1/models", &DataDaemon::handleModelsApi},
         {Match::Exact, "/", &DataDaemon::handleRootRedirect},
     };
 
