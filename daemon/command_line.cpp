@@ -36,6 +36,8 @@ enum LongOnly {
     kGitPath,
     kNoGit,
     kModelDir,
+    kScienceKeysFile,
+    kScienceProvidersFile,
 };
 
 const option kLongOptions[] = {
@@ -69,6 +71,8 @@ const option kLongOptions[] = {
     {"git-path", required_argument, nullptr, kGitPath},
     {"no-git", no_argument, nullptr, kNoGit},
     {"model-dir", required_argument, nullptr, kModelDir},
+    {"science-keys-file", required_argument, nullptr, kScienceKeysFile},
+    {"science-providers-file", required_argument, nullptr, kScienceProvidersFile},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -137,6 +141,8 @@ CommandLine parseCommandLine(int argc, char* argv[]) {
             case kGitPath: config.git_path = optarg; break;
             case kNoGit: config.git_enabled = false; break;
             case kModelDir: config.model_dirs.emplace_back(optarg); break;
+            case kScienceKeysFile: config.science_keys_file = optarg; break;
+            case kScienceProvidersFile: config.science_providers_file = optarg; break;
             case 'V':
                 printVersion();
                 line.exit_status = 0;
@@ -210,6 +216,10 @@ void printUsage(const char* argv0) {
                  "  --git-path PATH         Git working copies (default: /var/lib/vostra/git)\n"
                  "  --no-git                Disable git repository storage\n"
                  "  --model-dir DIR         Also scan DIR for model files (repeatable)\n"
+                 "  --science-keys-file FILE\n"
+                 "                          Science API keys (default: ~/.config/vostra/science_api_keys.json)\n"
+                 "  --science-providers-file FILE\n"
+                 "                          Custom science providers (default: beside the keys file)\n"
                  "  --nfs                   Enable NFS server\n"
                  "  --nfs-port PORT         NFS port (default: 2049)\n"
                  "  --agent-storage         Enable unified agent storage\n"

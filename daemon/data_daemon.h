@@ -67,6 +67,7 @@ struct VectorStorageConfig;
 class NFSServer;
 struct GitService;
 class ModelRegistry;
+class ScientificConnector;
 
 class DataDaemon {
 public:
@@ -216,6 +217,7 @@ private:
     void startNFS();
     void startGit();
     void startModels();
+    void startScience();
     // A started vector service for `config`, or null after printing why not.
     static std::unique_ptr<VectorStorageService> makeVectorService(
         const VectorStorageConfig& config);
@@ -235,6 +237,16 @@ private:
     void handleNFSApi(const HttpRequest& request);
     void handleGitApi(const HttpRequest& request);
     void handleModelsApi(const HttpRequest& request);
+    // Agent definitions (api_agents.cpp) and what agents keep per tenant
+    // (api_workspaces.cpp).
+    void handleDataAgents(const HttpRequest& request);
+    void handleAgentsApi(const HttpRequest& request);
+    void handleSwarms(const HttpRequest& request);
+    void handleWorkspacesApi(const HttpRequest& request);
+    void handleOutputsApi(const HttpRequest& request);
+    void handleSkillsApi(const HttpRequest& request);
+    void handleAutomationsApi(const HttpRequest& request);
+    void handleScienceApi(const HttpRequest& request);
     // The rows of the vector settings route, which works while the service
     // is off and alone starts and stops it.
     void getVectorConfig(const HttpRequest& request, const RouteParams& params);
@@ -301,6 +313,8 @@ private:
     // The model files of the model folders; made at initialize() and kept
     // to the end (a scan and the routes use it from their own threads).
     std::unique_ptr<ModelRegistry> models_;
+    // The gateway to public scientific services; empty when turned off.
+    vostra::ServiceSlot<ScientificConnector> science_;
     std::unique_ptr<VectorStorageConfig> vector_config_;
     std::mutex vector_config_mutex_;
 };

@@ -64,6 +64,10 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "git_clone_timeout_seconds", c.git_clone_timeout_seconds);
     readField(json, "model_dirs", c.model_dirs);
     readField(json, "models_registry_file", c.models_registry_file);
+    readField(json, "agent_definitions_dir", c.agent_definitions_dir);
+    readField(json, "science_enabled", c.science_enabled);
+    readField(json, "science_keys_file", c.science_keys_file);
+    readField(json, "science_providers_file", c.science_providers_file);
     return c;
 }
 

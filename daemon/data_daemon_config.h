@@ -82,6 +82,16 @@ struct DataDaemonConfig {
     // data_dir, else in the storage's "system" folder).
     std::vector<std::string> model_dirs;
     std::string models_registry_file;
+    // Agent definition files imported by POST /api/v1/data/agents/sync
+    // (empty: "agents" in data_dir).
+    std::string agent_definitions_dir;
+    // The scientific data gateway: API keys in science_keys_file (mode
+    // 0600; empty: "science_api_keys.json" in $HOME/.config/vostra, else
+    // /etc/vostra), custom and overridden providers in
+    // science_providers_file (empty: "science_providers.json" beside it).
+    bool science_enabled = true;
+    std::string science_keys_file;
+    std::string science_providers_file;
 
     // Starts from the defaults and assigns only the keys present in `json`.
     // A present key of the wrong JSON type throws nlohmann::json::type_error.

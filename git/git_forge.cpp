@@ -11,6 +11,9 @@ using nlohmann::json;
 
 namespace {
 
+// A git the forge clients could not start at all.
+constexpr const char* kGitNotRun = "Failed to execute git command";
+
 constexpr std::string_view kPublicGitHubWeb = "https://github.com";
 constexpr std::string_view kPublicGitHubWebWww = "https://www.github.com";
 constexpr std::string_view kPublicGitHubApi = "https://api.github.com";
@@ -368,6 +371,7 @@ ForgeStatus GitForge::runGitStep(const std::vector<std::string>& args, const std
     options.work_dir = work_dir;
     options.credentials = credentials;
     const GitRunResult result = runGit(args, options);
+    if (!result.started) return ForgeStatus::failure(std::string(failure) + kGitNotRun);
     if (!result.ok()) return ForgeStatus::failure(std::string(failure) + result.failureText());
     return ForgeStatus::ok({});
 }

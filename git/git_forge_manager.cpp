@@ -11,7 +11,6 @@ namespace vostra::git {
 namespace {
 
 constexpr vostra::Log kLog("[GitForge] ");
-constexpr std::string_view kGitLabPageMarker = "/-/";
 
 // The path of a URL after its host: "/owner/repo" of
 // "https://host:8443/owner/repo?tab=1" and of "git@host:owner/repo".

@@ -443,6 +443,11 @@ std::optional<StoredRepo> GitStorageManager::getRepository(const std::string& id
     return it->second;
 }
 
+std::optional<RepoWorkspace> GitStorageManager::getWorkspace(const std::string& id) {
+    if (!getRepository(id)) return std::nullopt;
+    return RepoWorkspace(*this, id);
+}
+
 std::optional<StoredRepo> GitStorageManager::getRepositoryByName(
     const std::string& tenant, const std::string& full_name) const {
     std::lock_guard lock(mutex_);
@@ -953,6 +958,46 @@ void GitStorageManager::syncLoop() {
         wake_.wait_for(lock, std::chrono::seconds(std::min<int64_t>(interval, 60)),
                        [this] { return !running_.load(); });
     }
+}
+
+Status RepoWorkspace::readFile(const std::string& path, std::string& content,
+                               const std::string& branch) const {
+    return manager_->readFile(id_, path, branch, content);
+}
+
+Status RepoWorkspace::listDir(const std::string& path, std::vector<RepoEntry>& out,
+                              const std::string& branch) const {
+    return manager_->listDirectory(id_, path, branch, out);
+}
+
+Status RepoWorkspace::findFiles(const std::string& pattern, std::vector<std::string>& out,
+                                const std::string& branch) const {
+    return manager_->findFiles(id_, pattern, branch, out);
+}
+
+bool RepoWorkspace::exists(const std::string& path, const std::string& branch) const {
+    std::string content;
+    return isDirectory(path, branch) || manager_->readFile(id_, path, branch, content).ok();
+}
+
+bool RepoWorkspace::isDirectory(const std::string& path, const std::string& branch) const {
+    std::vector<RepoEntry> entries;
+    return manager_->listDirectory(id_, path, branch, entries).ok();
+}
+
+Status RepoWorkspace::checkout(const std::string& branch) const {
+    return manager_->checkoutBranch(id_, branch);
+}
+
+Status RepoWorkspace::getCurrentBranch(std::string& branch) const {
+    return manager_->getCurrentBranch(id_, branch);
+}
+
+std::optional<StoredRepo> RepoWorkspace::getInfo() const { return manager_->getRepository(id_); }
+
+std::string RepoWorkspace::getLocalPath() const {
+    const auto repo = manager_->getRepository(id_);
+    return repo ? repo->local_path : std::string();
 }
 
 }  // namespace vostra::data

@@ -34,6 +34,36 @@ class GitForgeManager;
 
 namespace vostra::data {
 
+class GitStorageManager;
+
+// A handle on one stored repository: each call forwards to the manager
+// with the repository's id. Cheap to copy; the manager must outlive it.
+class RepoWorkspace {
+public:
+    RepoWorkspace(GitStorageManager& manager, std::string id)
+        : manager_(&manager), id_(std::move(id)) {}
+
+    Status readFile(const std::string& path, std::string& content,
+                    const std::string& branch = "") const;
+    Status listDir(const std::string& path, std::vector<RepoEntry>& out,
+                   const std::string& branch = "") const;
+    Status findFiles(const std::string& pattern, std::vector<std::string>& out,
+                     const std::string& branch = "") const;
+    // A file or folder at `path` of `branch`.
+    bool exists(const std::string& path, const std::string& branch = "") const;
+    bool isDirectory(const std::string& path, const std::string& branch = "") const;
+    Status checkout(const std::string& branch) const;
+    Status getCurrentBranch(std::string& branch) const;
+    std::optional<StoredRepo> getInfo() const;
+    // Empty when the repository is gone.
+    std::string getLocalPath() const;
+    const std::string& id() const { return id_; }
+
+private:
+    GitStorageManager* manager_;
+    std::string id_;
+};
+
 class GitStorageManager {
 public:
     // `forges` may be null: clones from forge accounts then fail.
@@ -65,6 +95,8 @@ public:
     Status deleteRepository(const std::string& id);
 
     std::optional<StoredRepo> getRepository(const std::string& id) const;
+    // A handle on repository `id`; nothing when there is none.
+    std::optional<RepoWorkspace> getWorkspace(const std::string& id);
     std::optional<StoredRepo> getRepositoryByName(const std::string& tenant,
                                                   const std::string& full_name) const;
     // The first repository whose metadata has `key` equal to `value`.

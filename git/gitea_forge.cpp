@@ -33,27 +33,11 @@ ForgeResult<Branch> GiteaForge::createBranch(const std::string& owner, const std
                             Branch::fromJson);
 }
 
-ForgeStatus GiteaForge::deleteBranch(const std::string& owner, const std::string& repo,
-                                     const std::string& name) const {
-    // Gitea has no writable "/git/refs"; branches are removed by name.
-    return statusOf(
-        makeRequest("DELETE", repoPath(owner, repo) + "/branches/" + encode(name, true)));
-}
-
 ForgeResult<Commit> GiteaForge::getCommit(const std::string& owner, const std::string& repo,
                                           const std::string& sha) const {
     return recordOf<Commit>(
         makeRequest("GET", repoPath(owner, repo) + "/git/commits/" + encode(sha)),
         Commit::fromJson);
-}
-
-ForgeStatus GiteaForge::createOrUpdateFile(const std::string& owner, const std::string& repo,
-                                           const FileChange& change) const {
-    if (!change.sha.empty()) return GitHubStyleForge::createOrUpdateFile(owner, repo, change);
-    json body = {{"message", change.message}, {"content", base64(change.content)}};
-    if (!change.branch.empty()) body["branch"] = change.branch;
-    return statusOf(makeRequest(
-        "POST", repoPath(owner, repo) + "/contents/" + encode(change.path, true), body));
 }
 
 ForgeStatus GiteaForge::mergePullRequest(const std::string& owner, const std::string& repo,
@@ -62,9 +46,8 @@ ForgeStatus GiteaForge::mergePullRequest(const std::string& owner, const std::st
     if (!isMergeMethod(method)) return ForgeStatus::failure(kInvalidMergeMethod + method);
     json body = {{"Do", method}};
     if (!commit_title.empty()) body["MergeTitleField"] = commit_title;
-    // Gitea merges by POST where GitHub uses PUT.
     return statusOf(
-        makeRequest("POST", numbered(owner, repo, "/pulls/", number) + "/merge", body));
+        makeRequest("PUT", numbered(owner, repo, "/pulls/", number) + "/merge", body));
 }
 
 ForgeResult<WebhookConfig> GiteaForge::createWebhook(const std::string& owner,

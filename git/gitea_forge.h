@@ -19,13 +19,8 @@ public:
     ForgeResult<Branch> createBranch(const std::string& owner, const std::string& repo,
                                      const std::string& name,
                                      const std::string& from) const override;
-    ForgeStatus deleteBranch(const std::string& owner, const std::string& repo,
-                             const std::string& name) const override;
     ForgeResult<Commit> getCommit(const std::string& owner, const std::string& repo,
                                   const std::string& sha) const override;
-    // POST creates, PUT (with the sha) replaces.
-    ForgeStatus createOrUpdateFile(const std::string& owner, const std::string& repo,
-                                   const FileChange& change) const override;
     ForgeStatus mergePullRequest(const std::string& owner, const std::string& repo,
                                  int64_t number, const std::string& method,
                                  const std::string& commit_title) const override;

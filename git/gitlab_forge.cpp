@@ -98,7 +98,7 @@ Issue issueFromGitLab(const json& j) {
 PullRequest mergeRequestFromGitLab(const json& j) {
     PullRequest pr;
     static_cast<Issue&>(pr) = issueFromGitLab(j);
-    pr.merged = answerText(j, "state") == "merged";
+    pr.merged = answerFlag(j, "merged") || answerText(j, "state") == "merged";
     pr.draft = answerFlag(j, "draft") || answerFlag(j, "work_in_progress");
     pr.mergeable = answerText(j, "merge_status") == "can_be_merged";
     pr.head_ref = answerText(j, "source_branch");

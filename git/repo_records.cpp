@@ -119,7 +119,9 @@ Status GitRepoRecords::create(StorageService& storage, const std::string& tenant
               {"status", "pending"},
               {"created_at", isoNow()}};
     if (depth > 0) record["depth"] = depth;
-    if (Status written = writeRecord(storage, tenant, record); !written) return written;
+    // Whatever the storage says, a record that cannot be written is a 500.
+    if (Status written = writeRecord(storage, tenant, record); !written)
+        return Status::failure(ErrorKind::Internal, written.message);
     if (!git::urlCredentials(url).empty()) {
         std::lock_guard lock(mutex_);
         pending_urls_[id] = url;
@@ -219,7 +221,9 @@ Status GitRepoRecords::sync(StorageService& storage, const std::string& tenant,
     record["status"] = "synced";
     record["last_sync"] = isoNow();
     record.erase("error");
-    return writeRecord(storage, tenant, record);
+    if (Status written = writeRecord(storage, tenant, record); !written)
+        return Status::failure(ErrorKind::Internal, written.message);
+    return Status::success();
 }
 
 Status GitRepoRecords::mirror(StorageService& storage, const std::string& tenant,

@@ -195,6 +195,18 @@ TEST_F(GitStorage, ReadsFilesAndFoldersAtAnyBranch) {
     ASSERT_TRUE(manager_->getFileTree(repo.id, "", 0, entries));
     EXPECT_EQ(entries.size(), 5u);
 
+    // The same through a workspace handle.
+    const auto workspace = manager_->getWorkspace(repo.id);
+    ASSERT_TRUE(workspace);
+    EXPECT_TRUE(workspace->isDirectory("src/lib"));
+    EXPECT_FALSE(workspace->isDirectory("src/a.cpp"));
+    EXPECT_TRUE(workspace->exists("src/a.cpp"));
+    EXPECT_FALSE(workspace->exists("src/none.cpp"));
+    ASSERT_TRUE(workspace->readFile("src/a.cpp", content, "topic"));
+    EXPECT_EQ(content, "A on topic\n");
+    EXPECT_EQ(workspace->getLocalPath(), repo.local_path);
+    EXPECT_FALSE(manager_->getWorkspace("repo-none"));
+
     std::vector<std::string> found;
     ASSERT_TRUE(manager_->findFiles(repo.id, "*.h", "", found));
     EXPECT_EQ(found, std::vector<std::string>{"src/lib/b.h"});

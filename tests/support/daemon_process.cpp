@@ -157,12 +157,19 @@ void DaemonProcess::launch(const std::vector<std::string>& extra_args, const nlo
     // it; a few attempts make that race harmless.
     for (int attempt = 0; attempt < 3; ++attempt) {
         port_ = freePort();
-        std::vector<std::string> args = {"-p", std::to_string(port_), "--storage-path",
-                                         dir_ + "/storage", "--git-path", dir_ + "/git"};
+        std::vector<std::string> args = {"-p",
+                                         std::to_string(port_),
+                                         "--storage-path",
+                                         dir_ + "/storage",
+                                         "--git-path",
+                                         dir_ + "/git",
+                                         "--science-keys-file",
+                                         dir_ + "/science/science_api_keys.json"};
         if (!config.is_null()) {
             nlohmann::json file = {{"storage_path", dir_ + "/storage"},
                                    {"vector_path", dir_ + "/vectors"},
-                                   {"git_path", dir_ + "/git"}};
+                                   {"git_path", dir_ + "/git"},
+                                   {"science_keys_file", dir_ + "/science/science_api_keys.json"}};
             file.update(config);
             file["port"] = port_;
             std::ofstream(dir_ + "/config.json") << file;

@@ -48,7 +48,8 @@ struct ConfigFile {
 class DaemonProcess {
 public:
     // Starts the daemon with "-p <free port> --storage-path <dir>/storage
-    // --git-path <dir>/git" followed by `extra_args` (later options win).
+    // --git-path <dir>/git --science-keys-file <dir>/science/..." followed
+    // by `extra_args` (later options win).
     // When `wait_ready`, blocks until /health answers or the process dies;
     // check ready().
     explicit DaemonProcess(std::vector<std::string> extra_args = {}, bool wait_ready = true);

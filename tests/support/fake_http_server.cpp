@@ -88,6 +88,8 @@ void FakeHttpServer::serve(int fd) {
     std::istringstream line(raw.substr(0, raw.find("\r\n")));
     line >> request.method >> request.path;
     if (head_end != std::string::npos) request.body = raw.substr(head_end + 4);
+    if (const std::size_t first = raw.find("\r\n"); first != std::string::npos && first < head_end)
+        request.headers = raw.substr(first + 2, head_end - first - 2);
     Handler handler;
     {
         std::lock_guard lock(mutex_);

@@ -17,6 +17,7 @@ struct RecordedRequest {
     std::string method;
     std::string path;
     std::string body;
+    std::string headers;  // the header lines as received, after the request line
 };
 
 struct FakeResponse {

@@ -15,6 +15,8 @@ InProcessDaemon::InProcessDaemon(const std::function<void(data::DataDaemonConfig
     config.storage_path = dir_ + "/storage";
     config.vector_path = dir_ + "/vectors";
     config.git_path = dir_ + "/git";
+    config.science_keys_file = dir_ + "/science/science_api_keys.json";
+    config.science_providers_file = dir_ + "/science/science_providers.json";
     if (adjust) adjust(config);
     initialized_ = daemon_->initialize(config);
 }

@@ -17,8 +17,8 @@ namespace vostra::test {
 
 class InProcessDaemon {
 public:
-    // `adjust` may change the configuration before initialize(); the storage
-    // and vector paths already point into the private folder.
+    // `adjust` may change the configuration before initialize(); the storage,
+    // vector, git and science file paths already point into the private folder.
     explicit InProcessDaemon(
         const std::function<void(data::DataDaemonConfig&)>& adjust = nullptr);
     ~InProcessDaemon();
