@@ -207,7 +207,7 @@ constexpr Row kRows[] = {
     {"openbb", "OpenBB", "OpenBB Financial Data Platform", "https://api.openbb.co", C::Economics, 60, kFree},
     {"finra", "FINRA", "FINRA Market Data", "https://api.finra.org", C::Economics, 60, kFree},
     {"itu", "ITU", "International Telecommunication Union Data", "https://www.itu.int", C::Engineering, 30, kFree},
-    {"3gpp", "3GPP", "3GPP Mobile Telecommunication Specifications", "https://www.3gpp.org", C::Engineering, 30, kFree},
+    {"3gpp", "3GPP", "3GPP Mobile Telecommunication Standards", "https://www.3gpp.org", C::Engineering, 30, kFree},
     {"ietf", "IETF Datatracker", "IETF Datatracker (RFCs and Internet-Drafts)", "https://datatracker.ietf.org/api/v1", C::Engineering, 60, kFree},
     {"ieee802", "IEEE 802", "IEEE 802 LAN/MAN Standards", "https://www.ieee802.org", C::Engineering, 30, kFree},
     {"fcc", "FCC", "FCC Open Data", "https://opendata.fcc.gov", C::Engineering, 60, kFree},
