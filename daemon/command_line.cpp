@@ -38,6 +38,8 @@ enum LongOnly {
     kModelDir,
     kScienceKeysFile,
     kScienceProvidersFile,
+    kSandboxes,
+    kSandboxPath,
 };
 
 const option kLongOptions[] = {
@@ -73,6 +75,8 @@ const option kLongOptions[] = {
     {"model-dir", required_argument, nullptr, kModelDir},
     {"science-keys-file", required_argument, nullptr, kScienceKeysFile},
     {"science-providers-file", required_argument, nullptr, kScienceProvidersFile},
+    {"sandboxes", no_argument, nullptr, kSandboxes},
+    {"sandbox-path", required_argument, nullptr, kSandboxPath},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -143,6 +147,8 @@ CommandLine parseCommandLine(int argc, char* argv[]) {
             case kModelDir: config.model_dirs.emplace_back(optarg); break;
             case kScienceKeysFile: config.science_keys_file = optarg; break;
             case kScienceProvidersFile: config.science_providers_file = optarg; break;
+            case kSandboxes: config.sandboxes_enabled = true; break;
+            case kSandboxPath: config.sandbox_path = optarg; break;
             case 'V':
                 printVersion();
                 line.exit_status = 0;
@@ -171,6 +177,12 @@ std::string configurationProblem(const DataDaemonConfig& config) {
         return "nfs_port must be between 1 and 65535";
     if (config.max_connections < 1) return "max_connections must be at least 1";
     if (config.max_waiting_connections < 1) return "max_waiting_connections must be at least 1";
+    if (config.sandbox_timeout_seconds < 1 || config.sandbox_max_timeout_seconds < 1)
+        return "sandbox time limits must be at least 1 second";
+    if (config.sandbox_memory_bytes < (16LL << 20)) return "sandbox_memory_bytes must be at least 16 MiB";
+    if (config.sandbox_max_processes < 1 || config.sandbox_max_concurrent < 1)
+        return "sandbox_max_processes and sandbox_max_concurrent must be at least 1";
+    if (config.sandbox_output_bytes < 0) return "sandbox_output_bytes must not be negative";
     return {};
 }
 
@@ -220,6 +232,8 @@ void printUsage(const char* argv0) {
                  "                          Science API keys (default: ~/.config/vostra/science_api_keys.json)\n"
                  "  --science-providers-file FILE\n"
                  "                          Custom science providers (default: beside the keys file)\n"
+                 "  --sandboxes             Run sandboxes and pipelines (needs bubblewrap)\n"
+                 "  --sandbox-path PATH     Pipeline checkouts (default: /var/lib/vostra/sandboxes)\n"
                  "  --nfs                   Enable NFS server\n"
                  "  --nfs-port PORT         NFS port (default: 2049)\n"
                  "  --agent-storage         Enable unified agent storage\n"

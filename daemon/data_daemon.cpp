@@ -17,6 +17,7 @@
 #include "git/repo_records.h"
 #include "models/model_registry.h"
 #include "nfs/nfs_server.h"
+#include "sandbox/sandbox_service.h"
 #include "science/scientific_connector.h"
 #include "storage/storage_service.h"
 #include "vector/vector_storage_service.h"
@@ -88,6 +89,7 @@ bool DataDaemon::initialize(const DataDaemonConfig& config) {
     if (config_.git_enabled) startGit();
     startModels();
     if (config_.science_enabled) startScience();
+    if (config_.sandboxes_enabled) startSandboxes();
 
     // The back-off before a re-registration ends early when the daemon stops.
     controller_ = std::make_unique<ControllerClient>(
@@ -162,6 +164,7 @@ void DataDaemon::stop() {
 
     if (nfs_server_) nfs_server_->stop();
     // Requests still running finish first: a slot waits for them.
+    stopSandboxes();
     vector_.reset();
     git_.reset();
     science_.reset();

@@ -39,6 +39,9 @@ class ClusterDiscovery;
 namespace vostra::git {
 class GitForgeManager;
 }
+namespace vostra::sandbox {
+class SandboxService;
+}
 
 namespace vostra::data {
 
@@ -218,6 +221,9 @@ private:
     void startGit();
     void startModels();
     void startScience();
+    // Sandboxes stop before the storage and git services their runs use.
+    void startSandboxes();
+    void stopSandboxes();
     // A started vector service for `config`, or null after printing why not.
     static std::unique_ptr<VectorStorageService> makeVectorService(
         const VectorStorageConfig& config);
@@ -247,6 +253,8 @@ private:
     void handleSkillsApi(const HttpRequest& request);
     void handleAutomationsApi(const HttpRequest& request);
     void handleScienceApi(const HttpRequest& request);
+    // Sandboxes, pipelines and triage (api_sandboxes.cpp).
+    void handleSandboxesApi(const HttpRequest& request);
     // The rows of the vector settings route, which works while the service
     // is off and alone starts and stops it.
     void getVectorConfig(const HttpRequest& request, const RouteParams& params);
@@ -315,6 +323,10 @@ private:
     std::unique_ptr<ModelRegistry> models_;
     // The gateway to public scientific services; empty when turned off.
     vostra::ServiceSlot<ScientificConnector> science_;
+    // Runs commands only when the operator turned it on and the host can
+    // make namespaces; otherwise empty, and the reason is answered.
+    vostra::ServiceSlot<sandbox::SandboxService> sandboxes_;
+    std::string sandboxes_unavailable_;
     std::unique_ptr<VectorStorageConfig> vector_config_;
     std::mutex vector_config_mutex_;
 };

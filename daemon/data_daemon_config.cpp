@@ -68,6 +68,16 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "science_enabled", c.science_enabled);
     readField(json, "science_keys_file", c.science_keys_file);
     readField(json, "science_providers_file", c.science_providers_file);
+    readField(json, "sandboxes_enabled", c.sandboxes_enabled);
+    readField(json, "sandbox_path", c.sandbox_path);
+    readField(json, "sandbox_bwrap_path", c.sandbox_bwrap_path);
+    readField(json, "sandbox_allow_network", c.sandbox_allow_network);
+    readField(json, "sandbox_timeout_seconds", c.sandbox_timeout_seconds);
+    readField(json, "sandbox_max_timeout_seconds", c.sandbox_max_timeout_seconds);
+    readField(json, "sandbox_memory_bytes", c.sandbox_memory_bytes);
+    readField(json, "sandbox_max_processes", c.sandbox_max_processes);
+    readField(json, "sandbox_output_bytes", c.sandbox_output_bytes);
+    readField(json, "sandbox_max_concurrent", c.sandbox_max_concurrent);
     return c;
 }
 

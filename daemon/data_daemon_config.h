@@ -92,6 +92,19 @@ struct DataDaemonConfig {
     bool science_enabled = true;
     std::string science_keys_file;
     std::string science_providers_file;
+    // Sandboxes, pipelines and triage: commands run under bubblewrap over a
+    // tenant's workspace or a checkout (pipeline checkouts under
+    // sandbox_path). Off unless the operator turns them on.
+    bool sandboxes_enabled = false;
+    std::string sandbox_path = "/var/lib/vostra/sandboxes";
+    std::string sandbox_bwrap_path = "bwrap";
+    bool sandbox_allow_network = false;
+    int32_t sandbox_timeout_seconds = 60;
+    int32_t sandbox_max_timeout_seconds = 3600;
+    int64_t sandbox_memory_bytes = 512LL << 20;
+    int32_t sandbox_max_processes = 64;
+    int64_t sandbox_output_bytes = 1LL << 20;
+    int32_t sandbox_max_concurrent = 4;
 
     // Starts from the defaults and assigns only the keys present in `json`.
     // A present key of the wrong JSON type throws nlohmann::json::type_error.

@@ -56,6 +56,10 @@ void DataDaemon::dispatch(const HttpRequest& request) {
         {Match::Prefix, "/api/v1/skills/", &DataDaemon::handleSkillsApi},
         {Match::Exact, "/api/v1/automations", &DataDaemon::handleAutomationsApi},
         {Match::Prefix, "/api/v1/automations/", &DataDaemon::handleAutomationsApi},
+        // Lists take a query string; the area answers 404 for other paths.
+        {Match::Prefix, "/api/v1/sandboxes", &DataDaemon::handleSandboxesApi},
+        {Match::Prefix, "/api/v1/cicd", &DataDaemon::handleSandboxesApi},
+        {Match::Prefix, "/api/v1/triage", &DataDaemon::handleSandboxesApi},
         {Match::Exact, "/", &DataDaemon::handleRootRedirect},
     };
 

@@ -13,7 +13,7 @@ test_packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 wrk nginx
   postgresql postgresql-client mariadb-server mariadb-client
-  openssl python3-boto3 libnfs-utils libnfs-dev nfs-ganesha nfs-ganesha-vfs rpcbind
+  openssl bubblewrap python3-boto3 libnfs-utils libnfs-dev nfs-ganesha nfs-ganesha-vfs rpcbind
 )
 
 case "${1:-build}" in

@@ -47,7 +47,7 @@ suite() {
 
 suite normal -- -DCMAKE_BUILD_TYPE=RelWithDebInfo
 suite asan -- -DCMAKE_BUILD_TYPE=Debug -DVOSTRA_SANITIZE=ON
-TARGETS="${TSAN_TARGETS:-connection_pool_test vector_concurrency_test service_slot_test connection_reader_test nfs_test git_storage_test science_test}" suite tsan -L concurrency -- -DCMAKE_BUILD_TYPE=Debug -DVOSTRA_TSAN=ON
+TARGETS="${TSAN_TARGETS:-connection_pool_test vector_concurrency_test service_slot_test connection_reader_test nfs_test git_storage_test science_test sandbox_test}" suite tsan -L concurrency -- -DCMAKE_BUILD_TYPE=Debug -DVOSTRA_TSAN=ON
 
 echo
 echo "=== Summary"
