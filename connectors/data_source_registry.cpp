@@ -82,6 +82,12 @@ Status DataSourceRegistry::addDataSource(const DataSourceConfig& config) {
         kLog.error("Data source already exists: ", config.id);
         return Status::failure(ErrorKind::Conflict, "Data source already exists: " + config.id);
     }
+    if (admission_) {
+        if (std::string problem = admission_(config); !problem.empty()) {
+            kLog.error("Refusing data source ", config.id, ": ", problem);
+            return Status::failure(ErrorKind::Invalid, problem);
+        }
+    }
     // Connecting can take the whole connect time-out per connection; doing it
     // under the registry lock would stall every query on every source.
     auto pool = std::make_shared<ConnectionPool>(config);

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -98,6 +99,12 @@ public:
     // file, a source that cannot be saved is not added (Internal, "Failed
     // to save data sources: " + why).
     Status addDataSource(const DataSourceConfig& config);
+    // A check each new source passes before it is connected (which files
+    // SQLite may open); a non-empty answer refuses the add as Invalid with
+    // that reason. Set it before the registry is shared between threads.
+    void setAdmission(std::function<std::string(const DataSourceConfig&)> check) {
+        admission_ = std::move(check);
+    }
     // Shuts the pool down and forgets the source: NotFound for an unknown
     // id; Internal when the state file cannot be saved (nothing changes).
     Status tryRemoveDataSource(const std::string& id);
@@ -152,6 +159,7 @@ private:
     Status save() const;
 
     const std::string state_file_;
+    std::function<std::string(const DataSourceConfig&)> admission_;
     // Shared for look-ups, which every statement makes; exclusive for changes.
     mutable std::shared_mutex mutex_;
     std::map<std::string, Source> sources_;

@@ -40,6 +40,9 @@ enum LongOnly {
     kScienceProvidersFile,
     kSandboxes,
     kSandboxPath,
+    kAuthMode,
+    kTlsCert,
+    kTlsKey,
 };
 
 const option kLongOptions[] = {
@@ -77,6 +80,9 @@ const option kLongOptions[] = {
     {"science-providers-file", required_argument, nullptr, kScienceProvidersFile},
     {"sandboxes", no_argument, nullptr, kSandboxes},
     {"sandbox-path", required_argument, nullptr, kSandboxPath},
+    {"auth-mode", required_argument, nullptr, kAuthMode},
+    {"tls-cert", required_argument, nullptr, kTlsCert},
+    {"tls-key", required_argument, nullptr, kTlsKey},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -149,6 +155,9 @@ CommandLine parseCommandLine(int argc, char* argv[]) {
             case kScienceProvidersFile: config.science_providers_file = optarg; break;
             case kSandboxes: config.sandboxes_enabled = true; break;
             case kSandboxPath: config.sandbox_path = optarg; break;
+            case kAuthMode: config.auth_mode = optarg; break;
+            case kTlsCert: config.tls_cert = optarg; break;
+            case kTlsKey: config.tls_key = optarg; break;
             case 'V':
                 printVersion();
                 line.exit_status = 0;
@@ -183,6 +192,9 @@ std::string configurationProblem(const DataDaemonConfig& config) {
     if (config.sandbox_max_processes < 1 || config.sandbox_max_concurrent < 1)
         return "sandbox_max_processes and sandbox_max_concurrent must be at least 1";
     if (config.sandbox_output_bytes < 0) return "sandbox_output_bytes must not be negative";
+    if (config.auth_mode != "off" && config.auth_mode != "keys") return "auth_mode must be \"off\" or \"keys\"";
+    if (config.tls_cert.empty() != config.tls_key.empty())
+        return "tls_cert and tls_key must be set together";
     return {};
 }
 
@@ -210,6 +222,9 @@ void printUsage(const char* argv0) {
                  "  --add-source JSON       Add data source on startup\n"
                  "  --data-dir DIR          Data directory for persistence\n"
                  "  --log-file FILE         Log file path\n"
+                 "  --auth-mode MODE        off (default) or keys: require API keys\n"
+                 "  --tls-cert FILE         Serve HTTPS with this certificate chain (PEM)\n"
+                 "  --tls-key FILE          ... and this private key (PEM)\n"
                  "  --heartbeat MS          Heartbeat interval in milliseconds\n"
                  "  --list-connectors       List available database connectors\n"
                  "  --max-connections N     Simultaneous client connections (default: 512)\n"

@@ -17,7 +17,10 @@
 #include "git/repo_records.h"
 #include "models/model_registry.h"
 #include "nfs/nfs_server.h"
+#include "daemon/tls_relay.h"
 #include "sandbox/sandbox_service.h"
+#include "security/api_key_store.h"
+#include "security/failure_limiter.h"
 #include "science/scientific_connector.h"
 #include "storage/storage_service.h"
 #include "vector/vector_storage_service.h"
@@ -62,6 +65,8 @@ bool DataDaemon::initialize(const DataDaemonConfig& config) {
     hostname_ = getHostname();
     ip_address_ = getLocalIP();
 
+    if (!startAuth()) return false;
+    registry_->setAdmission(sqliteAdmission());
     if (config_.storage_enabled) startStorage();
     if (config_.nfs_enabled) startNFS();
     startVector();
@@ -75,6 +80,7 @@ bool DataDaemon::initialize(const DataDaemonConfig& config) {
         }
         registry_ = std::make_unique<DataSourceRegistry>(
             (std::filesystem::path(config_.data_dir) / kSourcesFile).string());
+        registry_->setAdmission(sqliteAdmission());
         const std::size_t restored = registry_->load();
         if (restored > 0) kLog.info("Restored ", restored, " data sources from ", config_.data_dir);
     }

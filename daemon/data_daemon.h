@@ -42,6 +42,10 @@ class GitForgeManager;
 namespace vostra::sandbox {
 class SandboxService;
 }
+namespace vostra::security {
+class ApiKeyStore;
+class FailureLimiter;
+}
 
 namespace vostra::data {
 
@@ -68,6 +72,7 @@ class VectorStorageService;
 struct VectorStorageConfig;
 
 class NFSServer;
+class TlsRelay;
 struct GitService;
 class ModelRegistry;
 class ScientificConnector;
@@ -224,6 +229,14 @@ private:
     // Sandboxes stop before the storage and git services their runs use.
     void startSandboxes();
     void stopSandboxes();
+    // Keys, the failure counter and TLS (api_auth.cpp); false when a key
+    // file or the certificate cannot be used, which stops start-up.
+    bool startAuth();
+    // The rule for which files SQLite sources may open.
+    std::function<std::string(const DataSourceConfig&)> sqliteAdmission() const;
+    // In "keys" mode: answers 401, 403 or 429 and returns false for a
+    // request that may not go on; a tenant key fixes the request's tenant.
+    bool admitRequest(const HttpRequest& request);
     // A started vector service for `config`, or null after printing why not.
     static std::unique_ptr<VectorStorageService> makeVectorService(
         const VectorStorageConfig& config);
@@ -255,6 +268,7 @@ private:
     void handleScienceApi(const HttpRequest& request);
     // Sandboxes, pipelines and triage (api_sandboxes.cpp).
     void handleSandboxesApi(const HttpRequest& request);
+    void handleAuthApi(const HttpRequest& request);
     // The rows of the vector settings route, which works while the service
     // is off and alone starts and stops it.
     void getVectorConfig(const HttpRequest& request, const RouteParams& params);
@@ -327,6 +341,13 @@ private:
     // make namespaces; otherwise empty, and the reason is answered.
     vostra::ServiceSlot<sandbox::SandboxService> sandboxes_;
     std::string sandboxes_unavailable_;
+    // Admin and tenant keys; made at initialize() and kept to the end.
+    std::unique_ptr<security::ApiKeyStore> api_keys_;
+    std::unique_ptr<security::FailureLimiter> auth_failures_;
+    std::string tenant_keys_file_;
+    bool keys_required_ = false;
+    // Present when the server speaks HTTPS.
+    std::unique_ptr<TlsRelay> tls_;
     std::unique_ptr<VectorStorageConfig> vector_config_;
     std::mutex vector_config_mutex_;
 };

@@ -78,6 +78,11 @@ DataDaemonConfig DataDaemonConfig::fromJson(const nlohmann::json& json) {
     readField(json, "sandbox_max_processes", c.sandbox_max_processes);
     readField(json, "sandbox_output_bytes", c.sandbox_output_bytes);
     readField(json, "sandbox_max_concurrent", c.sandbox_max_concurrent);
+    readField(json, "auth_mode", c.auth_mode);
+    readField(json, "admin_api_keys", c.admin_api_keys);
+    readField(json, "admin_api_keys_file", c.admin_api_keys_file);
+    readField(json, "tenant_keys_file", c.tenant_keys_file);
+    readField(json, "sqlite_roots", c.sqlite_roots);
     return c;
 }
 

@@ -22,8 +22,9 @@ struct DataDaemonConfig {
     bool auto_register = true;
     std::string data_dir;
     std::string log_file;         // stored only
-    std::string tls_cert;         // stored only
-    std::string tls_key;          // stored only
+    // Both set: the server speaks HTTPS only (TLS 1.2 and 1.3).
+    std::string tls_cert;
+    std::string tls_key;
     std::vector<std::string> labels;
     bool storage_enabled = true;
     std::string storage_backend = "filesystem";
@@ -105,6 +106,18 @@ struct DataDaemonConfig {
     int32_t sandbox_max_processes = 64;
     int64_t sandbox_output_bytes = 1LL << 20;
     int32_t sandbox_max_concurrent = 4;
+    // "off": every route is open (the default); "keys": every request but
+    // health, the root redirect and the dashboard pages needs an admin key
+    // or a key of its tenant. Tenant keys live in tenant_keys_file (mode
+    // 0600, salted hashes; empty: "tenant_keys.json" in data_dir, else in
+    // /var/lib/vostra).
+    std::string auth_mode = "off";
+    std::vector<std::string> admin_api_keys;
+    std::string admin_api_keys_file;
+    std::string tenant_keys_file;
+    // Folders SQLite sources must lie in (after following links); empty:
+    // anywhere, or data_dir in "keys" mode.
+    std::vector<std::string> sqlite_roots;
 
     // Starts from the defaults and assigns only the keys present in `json`.
     // A present key of the wrong JSON type throws nlohmann::json::type_error.

@@ -20,6 +20,7 @@
 #include "daemon/data_daemon.h"
 #include "daemon/http_message.h"
 #include "daemon/request_context.h"
+#include "daemon/tls_relay.h"
 
 namespace vostra::data {
 namespace {
@@ -155,7 +156,13 @@ void DataDaemon::httpServerLoop() {
         // Most requests are whole when their connection is accepted (the
         // listener waits for the first bytes): a client thread reads and
         // answers them at once, and passes the rest to the reader.
-        dispatchRequest(client, [this, client] { return serveFresh(client); });
+        if (tls_) {
+            tls_->adopt(client, [this](int plain) {
+                dispatchRequest(plain, [this, plain] { return serveFresh(plain); });
+            });
+        } else {
+            dispatchRequest(client, [this, client] { return serveFresh(client); });
+        }
     }
 
     reading.join();
@@ -180,6 +187,7 @@ void DataDaemon::handleClient(int fd) {
 void DataDaemon::serveRequest(HttpRequest& request) {
     try {
         currentTenant() = extractTenantFromRequest(request.raw);
+        if (!admitRequest(request)) return;
         // HEAD is GET without the body: same route, same status, same length.
         if (request.method == "HEAD") {
             request.method = "GET";

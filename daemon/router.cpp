@@ -60,6 +60,7 @@ void DataDaemon::dispatch(const HttpRequest& request) {
         {Match::Prefix, "/api/v1/sandboxes", &DataDaemon::handleSandboxesApi},
         {Match::Prefix, "/api/v1/cicd", &DataDaemon::handleSandboxesApi},
         {Match::Prefix, "/api/v1/triage", &DataDaemon::handleSandboxesApi},
+        {Match::Prefix, "/api/v1/auth/", &DataDaemon::handleAuthApi},
         {Match::Exact, "/", &DataDaemon::handleRootRedirect},
     };
 
