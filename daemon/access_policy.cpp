@@ -59,6 +59,7 @@ bool tenantMayReach(const std::string& tenant, std::string_view method, std::str
     if (area == "storage") return names_tenant(1);
     if (area == "git") return s.size() >= 2 && s[1] == "repos";
     if (area == "auth") return s.size() == 2 && s[1] == "whoami";
+    if (area == "openapi.json") return s.size() == 1;
     if (area == "tenants")
         return (method == "GET" || method == "HEAD") && names_tenant(1) &&
                (s.size() == 2 || (s.size() == 3 && s[2] == "usage"));

@@ -124,6 +124,10 @@ void serveAgents(AgentStorage& store, const std::string& folder, const HttpReque
     serveRoutes(call, routes, request, "Not found");
 }
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("data", kDataAgentRoutes);
+[[maybe_unused]] const bool kListed1 = listRoutes("agents", kAgentRoutes);
+
 }  // namespace
 
 void DataDaemon::handleDataAgents(const HttpRequest& request) {

@@ -73,6 +73,9 @@ constexpr ServiceRoute<ApiKeyStore> kAuthRoutes[] = {
     {"DELETE", "/api/v1/auth/tenants/{tenant}/keys/{id}", revokeKey},
 };
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("auth", kAuthRoutes);
+
 }  // namespace
 
 bool DataDaemon::startAuth() {

@@ -102,6 +102,9 @@ constexpr ServiceRoute<DataSourceRegistry> kDataRoutes[] = {
     {"POST", "/api/v1/data/execute", runStatement},
 };
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("data", kDataRoutes);
+
 }  // namespace
 
 void DataDaemon::handleDataApi(const HttpRequest& request) {

@@ -346,6 +346,9 @@ constexpr ServiceRoute<GitCall> kGitRoutes[] = {
     {"DELETE", "/api/v1/git/forges/{alias}", deleteForge},
 };
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("git", kGitRoutes);
+
 }  // namespace
 
 void DataDaemon::startGit() {

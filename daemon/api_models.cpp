@@ -67,6 +67,9 @@ constexpr ServiceRoute<ModelsCall> kModelRoutes[] = {
     {"GET", "/api/v1/models/{id}/tensors", getTensors},
 };
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("models", kModelRoutes);
+
 }  // namespace
 
 void DataDaemon::startModels() {

@@ -154,6 +154,9 @@ constexpr ServiceRoute<DataDaemon> kNfsRoutes[] = {
     {"POST", "/api/v1/nfs/apply", apply},
 };
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("nfs", kNfsRoutes);
+
 }  // namespace
 
 void DataDaemon::startNFS() {

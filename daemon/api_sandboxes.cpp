@@ -151,6 +151,9 @@ constexpr ServiceRoute<SandboxCall> kRoutes[] = {
     {"POST", "/api/v1/triage/analyze", analyzeLog},
 };
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("sandboxes", kRoutes);
+
 }  // namespace
 
 void DataDaemon::startSandboxes() {

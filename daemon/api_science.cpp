@@ -352,6 +352,9 @@ constexpr ServiceRoute<ScienceCall> kScienceRoutes[] = {
     {"GET", "/api/v1/science/gwosc/events/{name}", gwoscEvent},
 };
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("science", kScienceRoutes);
+
 }  // namespace
 
 void DataDaemon::startScience() {

@@ -106,6 +106,9 @@ StorageResult notAvailable() {
     return StorageResult::failure(ErrorKind::Unavailable, StorageService::kNotAvailable);
 }
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("storage", kStorageRoutes);
+
 }  // namespace
 
 void DataDaemon::startStorage() {

@@ -122,6 +122,9 @@ constexpr ServiceRoute<StorageService> kTenantRoutes[] = {
     {"GET", "/api/v1/tenants/{id}/{rest*}", nullptr},
 };
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("tenants", kTenantRoutes);
+
 }  // namespace
 
 void DataDaemon::handleTenants(const HttpRequest& request) {

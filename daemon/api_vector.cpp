@@ -291,6 +291,9 @@ constexpr ServiceRoute<VectorStorageService> kVectorRoutes[] = {
 
 using ConfigRoute = Route<void (DataDaemon::*)(const HttpRequest&, const RouteParams&)>;
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("vector", kVectorRoutes);
+
 }  // namespace
 
 std::unique_ptr<VectorStorageService> DataDaemon::makeVectorService(

@@ -383,6 +383,13 @@ void serveTenantArea(const vostra::ServiceSlot<StorageService>& slot, const Http
         [&] { sendError(request.fd, 503, StorageService::kNotAvailable); });
 }
 
+// For the API description.
+[[maybe_unused]] const bool kListed0 = listRoutes("swarms", kSwarmRoutes);
+[[maybe_unused]] const bool kListed1 = listRoutes("workspaces", FolderRoutes<kWorkspaces>::kRows);
+[[maybe_unused]] const bool kListed2 = listRoutes("outputs", FolderRoutes<kOutputs>::kRows);
+[[maybe_unused]] const bool kListed3 = listRoutes("skills", DocumentRoutes<kSkills>::kRows);
+[[maybe_unused]] const bool kListed4 = listRoutes("automations", DocumentRoutes<kAutomations>::kRows);
+
 }  // namespace
 
 void DataDaemon::handleSwarms(const HttpRequest& request) { serveTenantArea(storage_, request, kSwarmRoutes); }

@@ -31,6 +31,7 @@
 #include "common/status.h"
 #include "daemon/client_threads.h"
 #include "daemon/data_daemon_config.h"
+#include "daemon/request_metrics.h"
 #include "nfs/ganesha_records.h"
 
 namespace vostra::discovery {
@@ -184,6 +185,10 @@ public:
     nlohmann::json getHealth() const;
     nlohmann::json getInfo() const;
     nlohmann::json getMetrics() const;
+    // The figures for monitoring, in the Prometheus text format 0.0.4.
+    std::string getPrometheusMetrics() const;
+    // The OpenAPI 3.1 description of every route (openapi.cpp).
+    static nlohmann::json openApiDocument();
 
     // Reads, parses and answers one request on a connected socket; the
     // caller closes `fd`. Never throws.
@@ -202,8 +207,10 @@ private:
     // true while the daemon is still running.
     bool sleepWhileRunning(int64_t ms);
 
-    // Answers one complete request on the calling thread; never throws.
+    // Answers one complete request on the calling thread and counts it;
+    // never throws.
     void serveRequest(HttpRequest& request);
+    void serveCounted(HttpRequest& request);
     // Runs `serve` on a client thread within max_connections, else answers
     // 503 "Server busy"; `serve` returns whether the socket is done with (to
     // close) or was passed on.
@@ -246,6 +253,8 @@ private:
     void handleHealth(const HttpRequest& request);
     void handleInfo(const HttpRequest& request);
     void handleMetrics(const HttpRequest& request);
+    void handlePrometheusMetrics(const HttpRequest& request);
+    void handleOpenApi(const HttpRequest& request);
     void handleRootRedirect(const HttpRequest& request);
     void handleClusterResources(const HttpRequest& request);
     void handleDataApi(const HttpRequest& request);
@@ -269,6 +278,8 @@ private:
     // Sandboxes, pipelines and triage (api_sandboxes.cpp).
     void handleSandboxesApi(const HttpRequest& request);
     void handleAuthApi(const HttpRequest& request);
+    // The built-in HTML pages (api_dashboard.cpp).
+    void handleDashboard(const HttpRequest& request);
     // The rows of the vector settings route, which works while the service
     // is off and alone starts and stops it.
     void getVectorConfig(const HttpRequest& request, const RouteParams& params);
@@ -293,6 +304,7 @@ private:
     std::atomic<bool> http_running_{false};
     std::atomic<int> listen_fd_{-1};
     std::atomic<int> active_clients_{0};  // connections being served
+    RequestMetrics request_metrics_;
     ClientThreads client_threads_;
     // Finishes reading requests from slow clients; runs beside the accept loop.
     std::unique_ptr<ConnectionReader> reader_;

@@ -22,6 +22,7 @@ constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 constexpr std::size_t kFileChunk = 1 << 20;
 
 thread_local bool t_head_only = false;
+thread_local int t_last_status = 0;
 
 // Sends until done; a send that makes no progress within the socket's send
 // time-out, or fails, ends it.
@@ -116,6 +117,7 @@ const char* reasonPhrase(int status) {
 }
 
 std::string formatHead(int status, std::string_view content_type, uint64_t length) {
+    t_last_status = status;
     std::string out;
     out.reserve(128);
     out += "HTTP/1.1 ";
@@ -134,6 +136,12 @@ std::string formatResponse(int status, std::string_view body, std::string_view c
     std::string out = formatHead(status, content_type, body.size());
     out += body;
     return out;
+}
+
+int takeLastStatus() {
+    const int status = t_last_status;
+    t_last_status = 0;
+    return status;
 }
 
 HeadOnlyAnswers::HeadOnlyAnswers() { t_head_only = true; }
@@ -171,6 +179,7 @@ void sendError(int fd, int status, const std::string& message) {
 }
 
 void sendDashboardRedirect(int fd) {
+    t_last_status = 302;
     static constexpr std::string_view kRedirect =
         "HTTP/1.1 302 Found\r\nLocation: /dashboard\r\nContent-Length: 0\r\n\r\n";
     writeAll(fd, kRedirect);

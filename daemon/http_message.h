@@ -74,6 +74,10 @@ void sendJson(int fd, int status, const nlohmann::json& body);
 // Sends {"error": message} as compact JSON.
 void sendError(int fd, int status, const std::string& message);
 
+// The status of the last answer formatted on this thread (0 for none), and
+// forgets it: the request counters learn how each request ended.
+int takeLastStatus();
+
 // The bare 302 to the dashboard, written as one fixed literal.
 void sendDashboardRedirect(int fd);
 

@@ -185,6 +185,13 @@ void DataDaemon::handleClient(int fd) {
 }
 
 void DataDaemon::serveRequest(HttpRequest& request) {
+    const auto began = std::chrono::steady_clock::now();
+    (void)takeLastStatus();
+    serveCounted(request);
+    request_metrics_.record(request.path, takeLastStatus(), std::chrono::steady_clock::now() - began);
+}
+
+void DataDaemon::serveCounted(HttpRequest& request) {
     try {
         currentTenant() = extractTenantFromRequest(request.raw);
         if (!admitRequest(request)) return;

@@ -107,4 +107,15 @@ bool matchRoute(std::string_view pattern, std::string_view path, RouteParams& pa
     }
 }
 
+namespace {
+std::vector<ListedRoute>& listed() {
+    static std::vector<ListedRoute> routes;
+    return routes;
+}
+}  // namespace
+
+// Filled by static initialisers before main, read afterwards: no lock.
+const std::vector<ListedRoute>& listedRoutes() { return listed(); }
+void addListedRoute(ListedRoute route) { listed().push_back(std::move(route)); }
+
 }  // namespace vostra::data

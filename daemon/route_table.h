@@ -24,6 +24,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "daemon/http_message.h"
 
@@ -80,6 +81,29 @@ struct Route {
 // The usual row: a free function handed the area's service.
 template <typename Service>
 using ServiceRoute = Route<void (*)(Service&, const HttpRequest&, const RouteParams&)>;
+
+// Every served route, for the API description ("/api/v1/openapi.json"):
+// each route file lists its table once, at start-up, with listRoutes().
+struct ListedRoute {
+    std::string method;
+    std::string pattern;  // "{area}" replaced by the area
+    std::string area;
+};
+const std::vector<ListedRoute>& listedRoutes();
+void addListedRoute(ListedRoute route);
+
+// Lists the rows that have a handler; returns true, for use as a static
+// initialiser.
+template <typename Handler, std::size_t N>
+bool listRoutes(std::string_view area, const Route<Handler> (&rows)[N]) {
+    for (const Route<Handler>& row : rows) {
+        if (!row.handler) continue;
+        std::string pattern(row.pattern);
+        if (const std::size_t at = pattern.find("{area}"); at != std::string::npos) pattern.replace(at, 6, area);
+        addListedRoute({std::string(row.method), std::move(pattern), std::string(area)});
+    }
+    return true;
+}
 
 constexpr const char* kMethodNotAllowed = "Method not allowed";
 constexpr const char* kBadPathEncoding = "Invalid encoded character in path";

@@ -26,6 +26,8 @@ void DataDaemon::dispatch(const HttpRequest& request) {
         {Match::Exact, "/api/v1/health", &DataDaemon::handleHealth},
         {Match::Exact, "/metrics", &DataDaemon::handleMetrics},
         {Match::Exact, "/api/v1/metrics", &DataDaemon::handleMetrics},
+        {Match::Exact, "/api/v1/metrics/prometheus", &DataDaemon::handlePrometheusMetrics},
+        {Match::Exact, "/api/v1/openapi.json", &DataDaemon::handleOpenApi},
         {Match::Exact, "/info", &DataDaemon::handleInfo},
         {Match::Exact, "/api/v1/info", &DataDaemon::handleInfo},
         {Match::Exact, "/api/v1/data/sources", &DataDaemon::handleDataApi},
@@ -61,6 +63,8 @@ void DataDaemon::dispatch(const HttpRequest& request) {
         {Match::Prefix, "/api/v1/cicd", &DataDaemon::handleSandboxesApi},
         {Match::Prefix, "/api/v1/triage", &DataDaemon::handleSandboxesApi},
         {Match::Prefix, "/api/v1/auth/", &DataDaemon::handleAuthApi},
+        {Match::Exact, "/dashboard", &DataDaemon::handleDashboard},
+        {Match::Prefix, "/dashboard/", &DataDaemon::handleDashboard},
         {Match::Exact, "/", &DataDaemon::handleRootRedirect},
     };
 

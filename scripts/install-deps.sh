@@ -13,7 +13,8 @@ test_packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 wrk nginx
   postgresql postgresql-client mariadb-server mariadb-client
-  openssl bubblewrap python3-boto3 libnfs-utils libnfs-dev nfs-ganesha nfs-ganesha-vfs rpcbind
+  openssl bubblewrap chromium python3-boto3 python3-prometheus-client libnfs-utils libnfs-dev nfs-ganesha nfs-ganesha-vfs rpcbind
+  help2man lintian dpkg-dev systemd
 )
 
 case "${1:-build}" in
