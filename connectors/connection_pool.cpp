@@ -146,9 +146,12 @@ std::unique_ptr<DataConnector> ConnectionPool::acquire(int timeout_ms) {
         // returns. created_at restarts at every release, so the lifetime
         // bounds rest between loans, not age: a connector in constant use
         // is never retired for it.
-        const bool expired =
-            Clock::now() - entry.created_at > milliseconds(config_.pool_config.max_lifetime_ms);
-        const bool usable = !expired && (!config_.pool_config.validate_on_acquire ||
+        const auto rested = Clock::now() - entry.created_at;
+        const bool expired = rested > milliseconds(config_.pool_config.max_lifetime_ms);
+        // Just returned healthy (release rolls back and checks it): a
+        // validation now would only double the round trips under load.
+        const bool just_returned = rested < milliseconds(config_.pool_config.validation_bypass_ms);
+        const bool usable = !expired && (!config_.pool_config.validate_on_acquire || just_returned ||
                                          validateConnection(*entry.connection));
         if (usable) {
             ++active_connections_;

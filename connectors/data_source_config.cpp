@@ -36,6 +36,7 @@ PoolConfig PoolConfig::fromJson(const nlohmann::json& json) {
     readField(json, "health_check_interval_ms", c.health_check_interval_ms);
     readField(json, "max_lifetime_ms", c.max_lifetime_ms);
     readField(json, "validate_on_acquire", c.validate_on_acquire);
+    readField(json, "validation_bypass_ms", c.validation_bypass_ms);
     readField(json, "validation_query", c.validation_query);
     readField(json, "statement_timeout_ms", c.statement_timeout_ms);
     return c;
@@ -49,6 +50,7 @@ nlohmann::json PoolConfig::toJson() const {
             {"health_check_interval_ms", health_check_interval_ms},
             {"max_lifetime_ms", max_lifetime_ms},
             {"validate_on_acquire", validate_on_acquire},
+            {"validation_bypass_ms", validation_bypass_ms},
             {"validation_query", validation_query},
             {"statement_timeout_ms", statement_timeout_ms}};
 }
@@ -68,6 +70,7 @@ Status PoolConfig::check() const {
         return invalid("min_connections " + std::to_string(min_connections) +
                        " is above max_connections " + std::to_string(max_connections));
     if (statement_timeout_ms < 0) return invalid("statement_timeout_ms must not be negative");
+    if (validation_bypass_ms < 0) return invalid("validation_bypass_ms must not be negative");
     return Status::success();
 }
 

@@ -26,6 +26,9 @@ struct PoolConfig {
     int32_t health_check_interval_ms = 30000;
     int32_t max_lifetime_ms = 3600000;
     bool validate_on_acquire = true;
+    // A connection returned healthy less than this long ago is lent without
+    // the validation round trip; idle ones are still validated. 0: always.
+    int32_t validation_bypass_ms = 500;
     std::string validation_query = "SELECT 1";
     int32_t statement_timeout_ms = 0;  // 0: statements run as long as they take
 

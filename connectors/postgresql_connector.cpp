@@ -33,6 +33,10 @@ constexpr const char* kPrimaryKeyQuery = R"(
 constexpr int32_t kPostgreSQLDefaultPort = 5432;
 constexpr const char* kCopyUnsupported = "COPY to or from the client is not supported";
 constexpr const char* kQueryCanceled = "57014";  // SQLSTATE of a cancelled statement
+// A prepared statement the server no longer has (a DISCARD or DEALLOCATE
+// sent as SQL), or whose cached plan a schema change made unusable.
+constexpr const char* kNoSuchStatement = "26000";
+constexpr const char* kPlanChanged = "0A000";
 
 // A command's row count as libpq reports it; counts beyond 32 bits are
 // capped rather than wrapped.
@@ -115,6 +119,7 @@ bool PostgreSQLConnector::connect(const DataSourceConfig& config) {
 }
 
 void PostgreSQLConnector::disconnect() {
+    statements_.clear();
     if (conn_ == nullptr) return;
     if (in_transaction_) rollback();
     PQfinish(conn_);
@@ -130,8 +135,10 @@ bool PostgreSQLConnector::validate() {
     if (conn_ == nullptr) return false;
     if (PQstatus(conn_) != CONNECTION_OK) {
         PQreset(conn_);
-        // A reset connection starts outside any transaction.
+        // A reset connection starts outside any transaction, with no
+        // prepared statements.
         in_transaction_ = false;
+        statements_.clear();
         return PQstatus(conn_) == CONNECTION_OK;
     }
     return query("SELECT 1", {}).success;
@@ -149,11 +156,42 @@ QueryResult PostgreSQLConnector::execute(const std::string& sql,
 
 QueryResult PostgreSQLConnector::run(const std::string& sql,
                                      const std::vector<std::string>& params) {
+    bool prepared_gone = false;
+    QueryResult result = runOnce(sql, params, prepared_gone);
+    // Once more, preparing afresh: outside a transaction nothing was done.
+    if (prepared_gone && !inTransaction()) result = runOnce(sql, params, prepared_gone);
+    return result;
+}
+
+int PostgreSQLConnector::sendWithParams(const std::string& sql, const std::vector<const char*>& values,
+                                        bool& used_prepared) {
+    const int count = static_cast<int>(values.size());
+    const std::string* name = statements_.find(sql);
+    // Preparing inside a failed transaction would only fail again.
+    if (!name && PQtransactionStatus(conn_) != PQTRANS_INERROR) {
+        std::string evicted;
+        const std::string fresh = statements_.reserve(evicted);
+        if (!evicted.empty()) Result(PQexec(conn_, ("DEALLOCATE " + evicted).c_str()));
+        const Result prepared(PQprepare(conn_, fresh.c_str(), sql.c_str(), count, nullptr));
+        if (PQresultStatus(prepared.get()) == PGRES_COMMAND_OK) {
+            statements_.remember(sql, fresh);
+            name = statements_.find(sql);
+        }
+    }
+    used_prepared = name != nullptr;
+    if (name) return PQsendQueryPrepared(conn_, name->c_str(), count, values.data(), nullptr, nullptr, 0);
+    return PQsendQueryParams(conn_, sql.c_str(), count, nullptr, values.data(), nullptr, nullptr, 0);
+}
+
+QueryResult PostgreSQLConnector::runOnce(const std::string& sql, const std::vector<std::string>& params,
+                                         bool& prepared_gone) {
     const auto start = std::chrono::steady_clock::now();
     QueryResult result;
+    prepared_gone = false;
     if (conn_ == nullptr) return fail(result, kNotConnected);
 
     int sent = 0;
+    bool used_prepared = false;
     if (params.empty()) {
         sent = PQsendQuery(conn_, sql.c_str());
     } else {
@@ -161,8 +199,7 @@ QueryResult PostgreSQLConnector::run(const std::string& sql,
         values.reserve(params.size());
         for (const std::string& p : params)
             values.push_back(p.c_str());
-        sent = PQsendQueryParams(conn_, sql.c_str(), static_cast<int>(values.size()), nullptr,
-                                 values.data(), nullptr, nullptr, 0);
+        sent = sendWithParams(sql, values, used_prepared);
     }
     if (sent == 0) return fail(result, PQerrorMessage(conn_));
     // Rows arrive one at a time and go straight into the compact rows, so a
@@ -220,6 +257,18 @@ QueryResult PostgreSQLConnector::run(const std::string& sql,
     }
 
     if (copy_refused) return failWithoutRows(result, kCopyUnsupported);
+    if (used_prepared && (sqlstate == kNoSuchStatement || sqlstate == kPlanChanged)) {
+        // The server dropped our statements, or this one's plan: forget
+        // them so that the next send prepares afresh.
+        if (sqlstate == kNoSuchStatement) {
+            statements_.clear();
+        } else if (const std::string* stale = statements_.find(sql)) {
+            if (!inTransaction()) Result(PQexec(conn_, ("DEALLOCATE " + *stale).c_str()));
+            statements_.forget(sql);
+        }
+        prepared_gone = true;
+    }
+
     if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK) {
         const int32_t limit = config_.pool_config.statement_timeout_ms;
         // The server's timer starts after ours, so its time-out is never

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "connectors/data_connector.h"
+#include "connectors/statement_cache.h"
 
 struct pg_conn;
 
@@ -67,12 +68,17 @@ public:
 
 private:
     QueryResult run(const std::string& sql, const std::vector<std::string>& params);
+    QueryResult runOnce(const std::string& sql, const std::vector<std::string>& params, bool& prepared_gone);
+    // Sends a statement with parameters, prepared on first use (see
+    // StatementCache); falls back to an unprepared send when preparing fails.
+    int sendWithParams(const std::string& sql, const std::vector<const char*>& values, bool& used_prepared);
     // fail() for a statement whose rows, if any came, belong to no answer.
     QueryResult& failWithoutRows(QueryResult& result, std::string message);
     std::string effectiveSchema() const;
 
     pg_conn* conn_ = nullptr;
     bool in_transaction_ = false;
+    StatementCache statements_;
 };
 
 }  // namespace vostra::data

@@ -48,6 +48,7 @@ button:disabled{opacity:.55;cursor:default}
 pre{background:#0f1724;color:#e2e8f0;padding:12px;border-radius:6px;overflow:auto;max-height:420px;font-size:.85rem}
 .unavailable{border:1px dashed #b9c0cc;border-radius:var(--radius);padding:18px;color:var(--muted);background:#fafbfc}
 .empty{color:var(--muted);padding:8px 0}
+.spaced{margin-top:18px}
 [role=tablist]{display:flex;flex-wrap:wrap;gap:4px;border-bottom:1px solid var(--line);margin-bottom:14px}
 [role=tab]{border:none;border-bottom:3px solid transparent;border-radius:0;background:none;padding:8px 12px}
 [role=tab][aria-selected=true]{border-bottom-color:var(--accent);font-weight:600}

@@ -481,10 +481,11 @@ const char* const kDevToolBoxMain = R"HTML(
 </div>
 <section class="panel" role="tabpanel" id="panel-sandboxes" aria-labelledby="tab-sandboxes">
 <form id="sandbox-run" class="grid">
-<div><label for="sbx-workspace">Workspace</label><input id="sbx-workspace" name="workspace" required></div>
+<div><label for="sbx-workspace">Workspace</label><input id="sbx-workspace" name="workspace" list="workspace-names" required>
+<datalist id="workspace-names"></datalist></div>
 <div style="grid-column:span 2"><label for="sbx-command">Command (JSON list, or words)</label><input id="sbx-command" name="command" required value='["sh","-c","ls -la"]'></div>
 <div><button type="submit" class="primary">Run</button></div></form>
-<pre id="sandbox-output" tabindex="0" hidden></pre><h2>Recent runs</h2><div id="sandbox-runs"></div></section>
+<pre id="sandbox-output" tabindex="0" hidden></pre><h2 class="spaced">Recent runs</h2><div id="sandbox-runs"></div></section>
 <section class="panel" role="tabpanel" id="panel-triage" aria-labelledby="tab-triage" hidden>
 <form id="triage"><label for="triage-text">Log</label><textarea id="triage-text" rows="10" required placeholder="Paste a build or test log"></textarea>
 <div class="actions"><button type="submit" class="primary">Analyze</button></div></form><div id="triage-result"></div></section>
@@ -498,6 +499,10 @@ document.addEventListener('DOMContentLoaded', () => {
   const loaders = {
     'tab-sandboxes': async () => {
       const box = document.getElementById('sandbox-runs');
+      api('GET', '/api/v1/workspaces').then(answer => {
+        document.getElementById('workspace-names').innerHTML =
+          (answer.workspaces || []).map(w => '<option value="' + esc(w.name) + '">').join('');
+      }).catch(() => {});
       try {
         box.innerHTML = table([{title: 'Run', key: 'id'}, {title: 'Workspace', key: 'workspace'}, {title: 'Command', key: r => (r.command || []).join(' ')},
           {title: 'Status', html: r => badge(r.status)}, {title: 'Exit', key: 'exit_code', num: true}, {title: 'Started', key: 'started_at'}],

@@ -263,6 +263,7 @@ TEST_F(ConnectionPoolTest, ConcurrentBorrowersNeverExceedTheMaximum) {
 }
 
 TEST_F(ConnectionPoolTest, StaleIdleConnectorIsReplacedOnAcquire) {
+    config.pool_config.validation_bypass_ms = 0;
     auto pool = start();
     backend->fail_validation = true;
     auto connector = pool->acquire(1000);
@@ -271,6 +272,22 @@ TEST_F(ConnectionPoolTest, StaleIdleConnectorIsReplacedOnAcquire) {
     EXPECT_EQ(pool->getStats().connections_destroyed, 1u);
     EXPECT_EQ(pool->getStats().total, 1u);
     EXPECT_EQ(backend->alive, 1);
+    pool->release(std::move(connector));
+}
+
+TEST_F(ConnectionPoolTest, AJustReturnedConnectorSkipsValidationAnIdleOneDoesNot) {
+    config.pool_config.validation_bypass_ms = 200;
+    auto pool = start();
+    pool->release(pool->acquire(1000));
+    backend->fail_validation = true;
+    auto connector = pool->acquire(1000);
+    ASSERT_NE(connector, nullptr);
+    EXPECT_EQ(serialOf(connector), 1);  // no round trip: it was just back
+    pool->release(std::move(connector));
+    std::this_thread::sleep_for(300ms);
+    connector = pool->acquire(1000);
+    ASSERT_NE(connector, nullptr);
+    EXPECT_EQ(serialOf(connector), 2);  // rested past the window: validated, failed, replaced
     pool->release(std::move(connector));
 }
 

@@ -10,6 +10,7 @@
 #include "common/sanitize_utf8.h"
 #include "connectors/data_connector_factory.h"
 #include "connectors/data_source_config.h"
+#include "connectors/statement_cache.h"
 #include "connectors/data_source_status.h"
 #include "connectors/json_text.h"
 #include "connectors/query_result.h"
@@ -222,6 +223,33 @@ TEST(QueryResultJson, RandomBytesEscapeAsTheLibraryDoesAndToTheSizeForetold) {
             << json(text).dump(-1, ' ', true, json::error_handler_t::replace);
         ASSERT_EQ(jsonStringSize(text), written.size());
     }
+}
+
+TEST(StatementCache, KeepsTheMostRecentlyUsedAndNeverReusesAName) {
+    StatementCache cache(2);
+    std::string evicted;
+    const std::string a = cache.reserve(evicted);
+    EXPECT_TRUE(evicted.empty());
+    cache.remember("SELECT a", a);
+    const std::string b = cache.reserve(evicted);
+    cache.remember("SELECT b", b);
+    ASSERT_NE(cache.find("SELECT a"), nullptr);  // a is now the most recent
+    const std::string c = cache.reserve(evicted);
+    EXPECT_EQ(evicted, b);
+    cache.remember("SELECT c", c);
+    EXPECT_EQ(cache.find("SELECT b"), nullptr);
+    EXPECT_EQ(*cache.find("SELECT a"), a);
+    EXPECT_EQ(cache.size(), 2u);
+    cache.forget("SELECT a");
+    EXPECT_EQ(cache.find("SELECT a"), nullptr);
+    cache.clear();
+    EXPECT_EQ(cache.size(), 0u);
+    // Names stay unique after a clear: the server may still hold old ones.
+    const std::string d = cache.reserve(evicted);
+    EXPECT_TRUE(evicted.empty());
+    EXPECT_NE(d, a);
+    EXPECT_NE(d, b);
+    EXPECT_NE(d, c);
 }
 
 }  // namespace

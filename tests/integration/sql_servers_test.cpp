@@ -104,6 +104,37 @@ TEST_F(PostgresTest, CountsAffectedRowsRunsSeveralStatementsAndRoundTripsText) {
     (void)run("DROP TABLE " + table);
 }
 
+// Texts with parameters are prepared once per connection; whatever drops
+// them on the server (a DISCARD sent as SQL, a table changed under a cached
+// plan) is met by preparing again, never by a failed query.
+TEST_F(PostgresTest, PreparedStatementsAreReusedBoundedAndPreparedAgainWhenDropped) {
+    const std::string table = unique("prepared");
+    (void)run("CREATE TABLE " + table + " (id INT, v TEXT); INSERT INTO " + table + " VALUES (1, 'one')");
+    const std::string select = "SELECT * FROM " + table + " WHERE id = $1";
+    auto prepared = [&] { return std::stoi(std::string(run("SELECT count(*) AS n FROM pg_prepared_statements").rows[0]["n"])); };
+    EXPECT_EQ(run(select, {"1"}).rows[0]["v"], "one");
+    EXPECT_EQ(run(select, {"1"}).rows[0]["v"], "one");
+    EXPECT_EQ(prepared(), 1);
+
+    (void)run("DISCARD ALL");
+    EXPECT_EQ(prepared(), 0);
+    EXPECT_EQ(run(select, {"1"}).rows[0]["v"], "one");
+    EXPECT_EQ(prepared(), 1);
+    (void)run("DEALLOCATE ALL");
+    EXPECT_EQ(run(select, {"1"}).rows[0]["v"], "one");
+
+    (void)run("ALTER TABLE " + table + " ADD COLUMN extra TEXT DEFAULT 'x'");
+    const auto widened = run(select, {"1"});
+    EXPECT_EQ(widened.columns.size(), 3u);
+    EXPECT_EQ(widened.rows[0]["extra"], "x");
+
+    for (int i = 0; i < 80; ++i) (void)run("SELECT $1::int + " + std::to_string(i) + " AS n", {"1"});
+    EXPECT_LE(prepared(), 64);
+    EXPECT_FALSE(db_.execute("SELECT * FROM no_such_table_at_all WHERE id = $1", {"1"}).success);
+    EXPECT_EQ(run(select, {"1"}).rows[0]["v"], "one");
+    (void)run("DROP TABLE " + table);
+}
+
 TEST_F(PostgresTest, ACopyIsRefusedAndEndedSoTheConnectionGoesOn) {
     const std::string table = unique("copied");
     (void)run("CREATE TABLE " + table + " (v INT); INSERT INTO " + table + " VALUES (1), (2)");
